@@ -1,0 +1,104 @@
+// Internal helpers shared by the library's sources: identifiers and tracing.
+#pragma once
+
+#include <oxCIM.h>
+
+#include <string>
+#include <type_traits>
+
+namespace oxCIM {
+
+// Positions in known_cim_elements.
+enum ElementId : int {
+  E_XML = 0, E_CIM = 1, E_CLASS = 2, E_CLASSNAME = 3, E_CLASSPATH = 4, E_DECLARATION = 5,
+  E_DECLGROUP = 6, E_DECLGROUP_WITHNAME = 7, E_DECLGROUP_WITHPATH = 8, E_ERROR = 9,
+  E_EXPMETHODCALL = 10, E_EXPMETHODRESPONSE = 11, E_EXPPARAMVALUE = 12, E_HOST = 13,
+  E_IMETHODCALL = 14, E_IMETHODRESPONSE = 15, E_INSTANCE = 16, E_INSTANCENAME = 17,
+  E_INSTANCEPATH = 18, E_IPARAMVALUE = 19, E_IRETURNVALUE = 20, E_KEYBINDING = 21,
+  E_KEYVALUE = 22, E_LOCALCLASSPATH = 23, E_LOCALINSTANCEPATH = 24, E_LOCALNAMESPACEPATH = 25,
+  E_MESSAGE = 26, E_METHOD = 27, E_METHODCALL = 28, E_METHODRESPONSE = 29, E_MULTIEXPREQ = 30,
+  E_MULTIEXPRSP = 31, E_MULTIREQ = 32, E_MULTIRSP = 33, E_NAMESPACE = 34, E_NAMESPACEPATH = 35,
+  E_OBJECTPATH = 36, E_PARAMETER = 37, E_PARAMETER_ARRAY = 38, E_PARAMETER_REFARRAY = 39,
+  E_PARAMETER_REFERENCE = 40, E_PARAMVALUE = 41, E_PROPERTY = 42, E_PROPERTY_ARRAY = 43,
+  E_PROPERTY_REFERENCE = 44, E_QUALIFIER = 45, E_QUALIFIER_DECLARATION = 46,
+  E_RESPONSEDESTINATION = 47, E_RETURNVALUE = 48, E_SCOPE = 49, E_SIMPLEEXPREQ = 50,
+  E_SIMPLEEXPRSP = 51, E_SIMPLEREQ = 52, E_SIMPLEREQACK = 53, E_SIMPLERSP = 54, E_TABLE = 55,
+  E_TABLECELL_DECLARATION = 56, E_TABLECELL_REFERENCE = 57, E_TABLEROW = 58,
+  E_TABLEROW_DECLARATION = 59, E_VALUE = 60, E_VALUE_ARRAY = 61, E_VALUE_NAMEDINSTANCE = 62,
+  E_VALUE_NAMEDOBJECT = 63, E_VALUE_NULL = 64, E_VALUE_OBJECT = 65,
+  E_VALUE_OBJECTWITHLOCALPATH = 66, E_VALUE_OBJECTWITHPATH = 67, E_VALUE_REFARRAY = 68,
+  E_VALUE_REFERENCE = 69, E_UNKNOWN = 70
+};
+
+// Positions in known_cim_attributes.
+enum AttributeId : int {
+  A_NAME = 0, A_TYPE = 1, A_ARRAYSIZE = 2, A_ASSOCIATION = 3, A_CELLPOS = 4, A_CIMVERSION = 5,
+  A_CLASS = 6, A_CLASSNAME = 7, A_CLASSORIGIN = 8, A_CODE = 9, A_DESCRIPTION = 10,
+  A_DTDVERSION = 11, A_ID = 12, A_INDICATION = 13, A_INSTANCEID = 14, A_ISARRAY = 15,
+  A_METHOD = 16, A_OVERRIDABLE = 17, A_PARAMETER = 18, A_PARAMTYPE = 19, A_PROPAGATED = 20,
+  A_PROPERTY = 21, A_PROTOCOLVERSION = 22, A_REFERENCE = 23, A_REFERENCECLASS = 24,
+  A_SORTDIR = 25, A_SORTPOS = 26, A_SUPERCLASS = 27, A_VALUETYPE = 28, A_TOSUBCLASS = 29,
+  A_TOINSTANCE = 30, A_TRANSLATABLE = 31, A_EMBEDDEDOBJECT = 32, A_UNKNOWN = 33
+};
+
+// Positions in known_cim_types.
+enum TypeId : int {
+  T_BOOLEAN = 0, T_STRING = 1, T_CHAR16 = 2, T_UINT8 = 3, T_SINT8 = 4, T_UINT16 = 5,
+  T_SINT16 = 6, T_UINT32 = 7, T_SINT32 = 8, T_UINT64 = 9, T_SINT64 = 10, T_DATETIME = 11,
+  T_REAL32 = 12, T_REAL64 = 13, T_UNKNOWN = 14, T_REFERENCE = 15
+};
+
+// True when the element is of the given kind (kinds compare by table pointer).
+inline bool IsKind(const CIMelement* e, int id) {
+  return e != nullptr && e->m_Name == known_cim_elements[id];
+}
+
+// Locale-aware, whole-string, case-insensitive equality used for user data.
+bool EqualNoCase(const char* a, const char* b);
+
+namespace trace_detail {
+
+inline void Feed(Brix::Output_Streams::CFormatStream&) {}
+
+template <typename T, typename... Rest>
+void Feed(Brix::Output_Streams::CFormatStream& fs, const T& first, const Rest&... rest) {
+  using D = std::decay_t<T>;
+  if constexpr (std::is_same_v<D, bool>)
+    fs << Brix::Output_Streams::FormatInt(first ? 1 : 0);
+  else if constexpr (std::is_integral_v<D> || std::is_enum_v<D>)
+    fs << Brix::Output_Streams::FormatInt(static_cast<int64_t>(first));
+  else if constexpr (std::is_floating_point_v<D>)
+    fs << static_cast<double>(first);
+  else
+    fs << first;
+  Feed(fs, rest...);
+}
+
+}  // namespace trace_detail
+}  // namespace oxCIM
+
+// Builds and emits one trace record, only when the level is switched on.
+// OX_TRACE_FN names the function explicitly (for helpers whose messages carry another name).
+#define OX_TRACE_FN(level, func, ...)                                                       \
+  do {                                                                                     \
+    if (::oxCIM::oxCIM.IsTraced(level)) {                                                  \
+      ::Brix::Internals::CTraceStreamBuffer ox_tb_((level), ::oxCIM::oxCIM, __FILE__, (func), \
+                                                   __LINE__);                              \
+      ::oxCIM::trace_detail::OxFormat(ox_tb_, __VA_ARGS__);                                 \
+    }                                                                                      \
+  } while (0)
+
+#define OX_TRACE(level, ...) OX_TRACE_FN(level, __func__, __VA_ARGS__)
+
+// Records a CIM status with the caller's file and line.
+#define SetCimStatus(code, desc) SetCimStatus_FL((code), (desc), __FILE__, __LINE__)
+
+namespace oxCIM {
+namespace trace_detail {
+template <typename... Args>
+void OxFormat(Brix::Internals::CTraceStreamBuffer& tb, const char* format, const Args&... args) {
+  Brix::Output_Streams::CFormatStream fs(tb, format);
+  Feed(fs, args...);
+}
+}  // namespace trace_detail
+}  // namespace oxCIM
