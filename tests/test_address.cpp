@@ -1,0 +1,154 @@
+// Resolution of host names to the address texts a connection works with.
+#include <oxCIM.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using oxCIM::CIMconnection;
+
+namespace {
+
+struct Traces {
+  explicit Traces(unsigned long mask) {
+    Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
+      std::lock_guard<std::mutex> lock(mu);
+      recs.push_back(r);
+    });
+    oxCIM::oxCIM.SetTraceMask(mask);
+  }
+  ~Traces() {
+    oxCIM::oxCIM.SetTraceMask(0);
+    Brix::Internals::SetTraceSink({});
+  }
+  std::mutex mu;
+  std::vector<Brix::Internals::TraceRecord> recs;
+};
+
+// Expects exactly the 5003 failure trace for the host; the resolver result must be zero or not.
+void ExpectFailureTrace(const Traces& t, const std::string& host, bool retZero) {
+  ASSERT_EQ(t.recs.size(), 1u);
+  EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_STATUS);
+  EXPECT_EQ(t.recs[0].function, "setIPAddress");
+  const std::string head = "[" + host + "] setIPAddress: cannot get IP-Address. ret=";
+  const std::string& text = t.recs[0].text;
+  ASSERT_EQ(text.compare(0, head.size(), head), 0) << text;
+  int ret = 0, err = 0;
+  char tail[2] = {0, 0};
+  ASSERT_EQ(std::sscanf(text.c_str() + head.size(), "%d WSAGetLastError=%d%1s", &ret, &err, tail),
+            2)
+      << text;
+  EXPECT_EQ(ret == 0, retZero) << text;
+}
+
+TEST(SetIPAddress, NumericIPv4GivesSameTextAndReverseNameOrErrorTrace) {
+  Traces t(4 | 16);
+  CIMconnection c;
+  std::string address = "stale", fqdn = "stale";
+  c.setIPAddress("127.0.1.1", address, &fqdn);  // only 127.0.0.1 itself is skipped
+  EXPECT_EQ(address, "127.0.1.1");
+  EXPECT_EQ(c.m_ErrCode, 0);
+  ASSERT_EQ(t.recs.size(), 1u);
+  if (fqdn == address) {  // no reverse name: the numeric form is flagged but still taken
+    EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_STATUS);
+    EXPECT_EQ(t.recs[0].text,
+              "setIPAddress: [127.0.1.1] ipAdrr:'127.0.1.1' m_FQDN:'127.0.1.1', Error???");
+  } else {
+    EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_DETAIL);
+    EXPECT_EQ(t.recs[0].text, "setIPAddress: [127.0.1.1] -> '" + fqdn + "'");
+  }
+  // Without an FQDN pointer there is no reverse lookup; an earlier status survives success.
+  t.recs.clear();
+  c.m_ErrCode = 5001;
+  c.setIPAddress("10.20.30.40", address, nullptr);
+  EXPECT_EQ(address, "10.20.30.40");
+  EXPECT_EQ(c.m_ErrCode, 5001);
+  EXPECT_TRUE(t.recs.empty());
+}
+
+TEST(SetIPAddress, IPv6UncompressedLowerCaseOnlyTheOddLoopbackSkipped) {
+  CIMconnection c;
+  std::string a;
+  const std::pair<const char*, const char*> kept[] = {
+      {"::1", "0:0:0:0:0:0:0:1"},
+      {"2001:DB8::A:0BCD", "2001:db8:0:0:0:0:a:bcd"},
+      {"0:0:0:5:0:0:0:2", "0:0:0:5:0:0:0:2"}};
+  for (const auto& k : kept) {
+    c.setIPAddress(k.first, a, nullptr);
+    EXPECT_EQ(a, k.second);
+  }
+  EXPECT_EQ(c.m_ErrCode, 0);
+  Traces t(4);
+  c.setIPAddress("0:0:0:5:0:0:0:1", a, nullptr);
+  EXPECT_EQ(a, "");
+  EXPECT_EQ(c.m_ErrCode, 5003);
+  ExpectFailureTrace(t, "0:0:0:5:0:0:0:1", true);
+}
+
+TEST(SetIPAddress, LoopbackV4SkippedButStillGivesFqdn) {
+  Traces t(4);
+  CIMconnection c;
+  c.m_Host = "connection-host";  // the trace names the host asked for instead
+  std::string address = "old", fqdn;
+  c.setIPAddress("127.0.0.1", address, &fqdn);
+  EXPECT_EQ(address, "");
+  EXPECT_FALSE(fqdn.empty());  // the reverse lookup also runs for a skipped entry
+  EXPECT_EQ(c.m_ErrCode, 5003);
+  std::vector<Brix::Internals::TraceRecord> fails;
+  for (const auto& r : t.recs)
+    if (r.text.find("cannot get") != std::string::npos) fails.push_back(r);
+  t.recs = fails;
+  ExpectFailureTrace(t, "127.0.0.1", true);
+}
+
+TEST(SetIPAddress, EmptyOrUnresolvableHostOverridesStatusWithoutDump) {
+  Traces t(4 | 16);
+  CIMconnection c;
+  c.m_Request = "<req/>";
+  c.SetCimStatus_FL(22, "earlier", "x.cpp", 1);
+  t.recs.clear();
+
+  std::string address = "1.2.3.4", fqdn = "old.example";
+  c.setIPAddress("", address, &fqdn);
+  EXPECT_EQ(address + fqdn, "");
+  EXPECT_EQ(c.m_ErrCode, 5003);
+  ExpectFailureTrace(t, "", true);
+
+  t.recs.clear();
+  c.m_ErrCode = 22;
+  address = fqdn = "keep?";
+  c.setIPAddress("no-such-host.invalid", address, &fqdn);
+  EXPECT_EQ(address + fqdn, "");
+  EXPECT_EQ(c.m_ErrCode, 5003);
+  ExpectFailureTrace(t, "no-such-host.invalid", false);  // the resolver's own code
+}
+
+TEST(SetIPAddress, LocalhostFromTheHostsFile) {
+  std::set<std::string> listed;
+  std::ifstream hosts("/etc/hosts");
+  for (std::string line; std::getline(hosts, line);) {
+    std::istringstream f(line.substr(0, line.find('#')));
+    std::string addr, alias;
+    for (f >> addr; f >> alias;)
+      if (alias == "localhost") listed.insert(addr);
+  }
+  if (listed.empty()) GTEST_SKIP() << "/etc/hosts does not list localhost";
+  for (const auto& a : listed)
+    if (a != "127.0.0.1" && a != "::1") GTEST_SKIP() << "/etc/hosts maps localhost to " << a;
+
+  CIMconnection c;
+  std::string address, fqdn;
+  c.setIPAddress("localhost", address, &fqdn);
+  const bool v6 = listed.count("::1") != 0;
+  EXPECT_EQ(address, v6 ? "0:0:0:0:0:0:0:1" : "");
+  EXPECT_EQ(c.m_ErrCode, v6 ? 0 : 5003);
+  EXPECT_FALSE(fqdn.empty());
+}
+
+}  // namespace

@@ -1,0 +1,404 @@
+// Connection lifecycle, curl handle management, copying and the CIM status.
+#include <oxCIM.h>
+
+#include "FakeCimServer.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <boost/weak_ptr.hpp>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using oxCIM::CIMconnection;
+using oxCIM::CIMelement;
+
+namespace {
+
+// Captures the library's trace records while alive.
+struct Traces {
+  explicit Traces(unsigned long mask) {
+    Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
+      std::lock_guard<std::mutex> lock(mu);
+      recs.push_back(r);
+    });
+    oxCIM::oxCIM.SetTraceMask(mask);
+  }
+  ~Traces() {
+    oxCIM::oxCIM.SetTraceMask(0);
+    Brix::Internals::SetTraceSink({});
+  }
+  std::vector<std::string> of(const std::string& fn) {
+    std::lock_guard<std::mutex> lock(mu);
+    std::vector<std::string> out;
+    for (const auto& r : recs)
+      if (fn.empty() || r.function == fn) out.push_back(r.text);
+    return out;
+  }
+  void clear() { recs.clear(); }
+  std::mutex mu;
+  std::vector<Brix::Internals::TraceRecord> recs;
+};
+
+constexpr unsigned long kAll = 2 | 4 | 16 | 0x40000000;
+
+// CIM > MESSAGE > VALUE "hello", built by hand.
+void BuildTree(CIMelement& root) {
+  root.m_Name = oxCIM::known_cim_elements[1];
+  root.attr_put(5, "2.0");
+  CIMelement* msg = root.makeNextElement();
+  msg->m_Name = oxCIM::known_cim_elements[26];
+  msg->attr_put(12, "1001");
+  CIMelement* val = root.makeNextElement();
+  val->m_Name = oxCIM::known_cim_elements[60];
+  val->m_Parent = msg;
+  val->m_Value = strdup("hello");
+}
+
+std::vector<std::string> Headers(const curl_slist* l) {
+  std::vector<std::string> out;
+  for (; l != nullptr; l = l->next) out.emplace_back(l->data);
+  return out;
+}
+
+TEST(Connection, DefaultsAndSetters) {
+  const auto before = time(nullptr);
+  CIMconnection a, b;
+  EXPECT_EQ(a.m_MessageID, 1000);
+  EXPECT_GE(a.m_CreationTime, int32_t(before));
+  EXPECT_LE(a.m_CreationTime, int32_t(time(nullptr)));
+  EXPECT_EQ(a.m_ErrCode | int(a.m_Info) | a.m_VerifyPeer | a.m_ExtraTimeOut | a.m_Reserved, 0);
+  EXPECT_FALSE(a.m_NoIPCheck);
+  EXPECT_EQ(a.m_Curl, nullptr);
+  EXPECT_EQ(a.m_HeaderList, nullptr);
+  ASSERT_TRUE(a.m_ErrCnt && a.m_SharedLock);
+  EXPECT_EQ(*a.m_ErrCnt, 0);
+  EXPECT_EQ(a.m_SharedLock->GetSpin(), 1000);
+  EXPECT_EQ(a.m_Lock.GetSpin(), 1000);
+  EXPECT_NE(a.m_ErrCnt.get(), b.m_ErrCnt.get());
+  EXPECT_NE(a.m_SharedLock.get(), b.m_SharedLock.get());
+  EXPECT_EQ(CIMconnection::m_MaxESXIConnectionAttempts, 5);
+
+  a.SetExtraTimeOut(60);
+  a.SetExtraTimeOut(3);
+  EXPECT_EQ(a.m_ExtraTimeOut, 3);
+  a.setOSName("Linux");
+  EXPECT_EQ(a.m_OSName, "Linux");
+}
+
+TEST(CimStatus, FirstErrorWinsEachCallTracedWithItsOwnCodeAndOneDump) {
+  Traces t(4);
+  CIMconnection c;
+  c.m_Host = "srv1";
+  EXPECT_EQ(c.SetCimStatus_FL(0, "nothing", "/b/Src/x.cpp", 5), 0);
+  EXPECT_EQ(c.SetCimStatus_FL(22, "first", "C:\\src\\oxcim\\CIMops.cpp", 10), 22);
+  EXPECT_EQ(c.SetCimStatus_FL(5002, "second", "/build/Src/CIMops.cpp", 20), 22);
+  EXPECT_EQ(c.SetCimStatus_FL(0, "zero", "a/b\\c/CIMops.cpp", 30), 22);
+  EXPECT_EQ(c.ChkCimStatus(), 22);
+  EXPECT_EQ(t.of("SetCimStatus_FL"),
+            (std::vector<std::string>{"[srv1] SetCimStatus: x.cpp@5  ErrCode:0 nothing",
+                                      "[srv1] SetCimStatus: CIMops.cpp@10  ErrCode:22 first",
+                                      "[srv1] SetCimStatus: CIMops.cpp@20  ErrCode:5002 second",
+                                      "[srv1] SetCimStatus: CIMops.cpp@30  ErrCode:0 zero"}));
+  EXPECT_EQ(t.of("Debug_Request_Response").size(), 1u);
+
+  // Null description: libcurl's own text, also for codes libcurl does not know.
+  t.clear();
+  c.SetCimStatus_FL(7, nullptr, "f.cpp", 3);
+  c.SetCimStatus_FL(12345, nullptr, "f.cpp", 4);
+  EXPECT_EQ(t.of(""), (std::vector<std::string>{
+                          std::string("[srv1] SetCimStatus: f.cpp@3  ErrCode:7 ") +
+                              curl_easy_strerror(CURLE_COULDNT_CONNECT),
+                          std::string("[srv1] SetCimStatus: f.cpp@4  ErrCode:12345 ") +
+                              curl_easy_strerror(CURLcode(12345))}));
+}
+
+TEST(CimStatus, DumpLayoutAndSilenceWhenLevelIsOff) {
+  Traces t(4);
+  CIMconnection c;
+  c.m_Host = "cimom";
+  c.m_Request = "<CIM/>\n";
+  c.m_Header = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
+  c.m_Response = "oops";
+  c.SetCimStatus_FL(22, "x", "t.cpp", 1);
+  c.m_Request.clear();
+  c.m_Header.clear();
+  c.m_Response.clear();
+  c.Debug_Request_Response();
+  EXPECT_EQ(t.of("Debug_Request_Response"),
+            (std::vector<std::string>{
+                "[cimom] ------ REQUEST:\n<CIM/>\n------ RESPONSE-HEADER:\n"
+                "HTTP/1.1 500 Internal Server Error\r\n\r\n------ RESPONSE:\noops",
+                "[cimom] ------ REQUEST:\n------ RESPONSE-HEADER:\n------ RESPONSE:\n"}));
+
+  oxCIM::oxCIM.SetTraceMask(2 | 16);
+  t.clear();
+  CIMconnection quiet;
+  EXPECT_EQ(quiet.SetCimStatus_FL(5000, "Invalid username/password", "f.cpp", 1), 5000);
+  EXPECT_TRUE(t.of("").empty());
+}
+
+TEST(CurlHandle, AddressChecksComeFirstLocalBeforeServer) {
+  Traces t(kAll);
+  CIMconnection c;
+  c.m_HeaderList = curl_slist_append(nullptr, "X-Old: 1");
+  EXPECT_EQ(c.initCurlHandle(), 5004);
+  c.m_LocalIP = "10.0.0.1";
+  EXPECT_EQ(c.initCurlHandle(), 5003);  // the status is reset first
+  EXPECT_EQ(c.m_Curl, nullptr);
+  EXPECT_NE(c.m_HeaderList, nullptr);  // left alone by the early returns
+  const auto st = t.of("SetCimStatus_FL");
+  ASSERT_EQ(st.size(), 2u);
+  EXPECT_NE(st[0].find("ErrCode:5004 initCurlHandle: bad local-IP-Address"), std::string::npos);
+  EXPECT_NE(st[1].find("ErrCode:5003 initCurlHandle: bad server-IP-Address"), std::string::npos);
+
+  c.m_ServerIP = "10.0.0.2";
+  EXPECT_EQ(c.initCurlHandle(), 0);
+  EXPECT_NE(c.m_Curl, nullptr);
+  EXPECT_EQ(c.m_HeaderList, nullptr);
+}
+
+TEST(CurlHandle, CreatedOnceThenKeptWhileHeaderListIsDropped) {
+  Traces t(16);
+  CIMconnection c;
+  c.m_Host = "srv";
+  c.m_NoIPCheck = true;
+  c.m_ErrCode = 99;
+  EXPECT_EQ(c.initCurlHandle(), 0);
+  void* first = c.m_Curl;
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(t.of("initCurlHandle"),
+            (std::vector<std::string>{"[srv]       initCurlHandle: CURL_EASY_INIT done",
+                                      "[srv]       initCurlHandle: SSL=0x0"}));
+  t.clear();
+  c.m_HeaderList = curl_slist_append(nullptr, "CIMMethod: GetClass");
+  c.m_ErrCode = 5001;
+  EXPECT_EQ(c.initCurlHandle(), 0);
+  EXPECT_EQ(c.m_Curl, first);
+  EXPECT_EQ(c.m_HeaderList, nullptr);
+  EXPECT_TRUE(t.of("").empty());
+}
+
+TEST(CurlHandle, SslTraceNamesTheLastTlsFileSet) {
+  struct Case { bool cert, key, ca; const char* ssl; };
+  const Case cases[] = {{true, false, false, "0x1"}, {false, true, false, "0x2"},
+                        {true, true, false, "0x2"},  {false, false, true, "0x4"},
+                        {true, false, true, "0x4"},  {true, true, true, "0x4"}};
+  for (const Case& k : cases) {
+    Traces t(16);
+    CIMconnection c;
+    c.m_NoIPCheck = true;
+    if (k.cert) c.m_CertFile = "/nonexistent/client.pem";
+    if (k.key) c.m_KeyFile = "/nonexistent/client.key";
+    if (k.ca) c.m_CAFile = "/nonexistent/ca.pem";
+    EXPECT_EQ(c.initCurlHandle(), 0);
+    EXPECT_EQ(t.of("initCurlHandle").back(), std::string("[]       initCurlHandle: SSL=") + k.ssl);
+  }
+}
+
+TEST(CurlHandle, OptionFailuresAreRecordedWithoutStoppingTheSequence) {
+  Traces t(kAll);
+  CIMconnection c;
+  c.m_NoIPCheck = true;
+  c.m_CertFile.assign(9u << 20, 'c');  // beyond libcurl's input limit for option strings
+  c.m_CAFile.assign(9u << 20, 'a');
+  EXPECT_EQ(c.initCurlHandle(), CURLE_BAD_FUNCTION_ARGUMENT);
+  EXPECT_NE(c.m_Curl, nullptr);
+  const auto st = t.of("SetCimStatus_FL");
+  ASSERT_EQ(st.size(), 2u);
+  for (const auto& s : st) EXPECT_NE(s.find("ErrCode:43 "), std::string::npos) << s;
+  EXPECT_EQ(t.of("Debug_Request_Response").size(), 1u);
+  EXPECT_EQ(t.of("initCurlHandle").back(), "[]       initCurlHandle: SSL=0x4");
+}
+
+TEST(CurlHandle, ReleaseAndDestructionFreeHandleAndAlwaysCleanBuffers) {
+  Traces t(16);
+  {
+    CIMconnection c;
+    c.m_Host = "r";
+    c.m_NoIPCheck = true;
+    ASSERT_EQ(c.initCurlHandle(), 0);
+    c.m_HeaderList = curl_slist_append(nullptr, "Expect:");
+    c.m_ErrCode = 22;
+    c.m_Info = oxCIM::NO_Connect;
+    c.m_Request = c.m_Header = c.m_Response = "x";
+    BuildTree(c.m_ResponseTree);
+    c.releaseCurlHandle();
+    EXPECT_EQ(c.m_Curl, nullptr);
+    EXPECT_EQ(c.m_HeaderList, nullptr);
+    EXPECT_EQ(c.m_Request + c.m_Header + c.m_Response, "");
+    EXPECT_EQ(c.m_ResponseTree.m_Name, nullptr);
+    EXPECT_EQ(c.m_ResponseTree.m_Next, nullptr);
+    EXPECT_EQ(c.m_ErrCode, 22);
+    c.m_Header = "h";
+    c.releaseCurlHandle();  // no handle: nothing traced, buffers still emptied
+    EXPECT_EQ(c.m_Header, "");
+    // Destroyed with a live handle, header list and tree (the leak checker watches).
+    c.m_ErrCode = 0;
+    c.m_Info = 0;
+    ASSERT_EQ(c.initCurlHandle(), 0);
+    c.m_HeaderList = curl_slist_append(nullptr, "CIMOperation: MethodCall");
+    BuildTree(c.m_ResponseTree);
+  }
+  EXPECT_EQ(t.of("releaseCurlHandle"),
+            (std::vector<std::string>{
+                "[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=22 m_Info=0x400)",
+                "[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=0 m_Info=0x0)"}));
+}
+
+TEST(CurlHandle, DuplicateReplacesWithoutLeakingAndNullClears) {
+  Traces t(4);
+  CIMconnection a, b;
+  a.m_NoIPCheck = true;
+  b.m_Host = "dup";
+  ASSERT_EQ(a.initCurlHandle(), 0);
+  b.duplicateCurlHandle(a.m_Curl);
+  EXPECT_NE(b.m_Curl, nullptr);
+  EXPECT_NE(b.m_Curl, a.m_Curl);
+  b.duplicateCurlHandle(b.m_Curl);  // duplicate of itself: the old one goes afterwards
+  EXPECT_NE(b.m_Curl, nullptr);
+  b.duplicateCurlHandle(nullptr);
+  EXPECT_EQ(b.m_Curl, nullptr);
+  EXPECT_EQ(t.of(""), std::vector<std::string>(2, "[dup] duplicateCurlHandle: CURLhandle duplicated"));
+}
+
+// Every text and integer that assignment copies.
+std::string CIMconnection::* const kTexts[] = {
+    &CIMconnection::m_Host,     &CIMconnection::m_User,     &CIMconnection::m_Passwd,
+    &CIMconnection::m_Protocol, &CIMconnection::m_Port,     &CIMconnection::m_CAFile,
+    &CIMconnection::m_CertFile, &CIMconnection::m_KeyFile,  &CIMconnection::m_OSName,
+    &CIMconnection::m_ServerIP, &CIMconnection::m_FQDN,     &CIMconnection::m_LocalIP,
+    &CIMconnection::m_Request,  &CIMconnection::m_Header,   &CIMconnection::m_Response};
+int32_t CIMconnection::* const kInts[] = {
+    &CIMconnection::m_VerifyPeer,   &CIMconnection::m_ErrCode,      &CIMconnection::m_MessageID,
+    &CIMconnection::m_CreationTime, &CIMconnection::m_ExtraTimeOut, &CIMconnection::m_Reserved};
+
+void Fill(CIMconnection& s) {
+  int n = 0;
+  for (auto m : kTexts) s.*m = "text" + std::to_string(++n);
+  for (auto m : kInts) s.*m = 1000 + ++n;
+  s.m_Info = oxCIM::NO_Auth;
+  s.m_NoIPCheck = true;
+  BuildTree(s.m_ResponseTree);
+}
+
+void ExpectCopied(const CIMconnection& d, const CIMconnection& s) {
+  for (auto m : kTexts) EXPECT_EQ(d.*m, s.*m);
+  for (auto m : kInts) EXPECT_EQ(d.*m, s.*m);
+  EXPECT_EQ(d.m_Info, s.m_Info);
+  EXPECT_EQ(d.m_NoIPCheck, s.m_NoIPCheck);
+  EXPECT_EQ(d.m_ErrCnt.get(), s.m_ErrCnt.get());
+  EXPECT_EQ(d.m_SharedLock.get(), s.m_SharedLock.get());
+  // The tree is a copy with its own nodes, texts and parent links.
+  const CIMelement* dm = d.m_ResponseTree.m_Next;
+  ASSERT_TRUE(dm != nullptr && dm->m_Next != nullptr);
+  EXPECT_EQ(dm->m_Name, oxCIM::known_cim_elements[26]);
+  EXPECT_NE(dm, s.m_ResponseTree.m_Next);
+  EXPECT_EQ(dm->m_Next->m_Parent, dm);
+  ASSERT_NE(dm->m_Next->m_Value, nullptr);
+  EXPECT_STREQ(dm->m_Next->m_Value, "hello");
+  EXPECT_NE(dm->m_Next->m_Value, s.m_ResponseTree.m_Next->m_Next->m_Value);
+}
+
+TEST(ConnectionAssign, WithoutHandleTargetDropsItsOwnAndSharesTheSource) {
+  CIMconnection src, dst;
+  Fill(src);
+  dst.m_NoIPCheck = true;
+  ASSERT_EQ(dst.initCurlHandle(), 0);
+  dst.m_HeaderList = curl_slist_append(nullptr, "X-Stale: 1");
+  boost::weak_ptr<int32_t> oldCounter = dst.m_ErrCnt;
+  boost::weak_ptr<Brix::Threading::Native_OS::CCriticalSection> oldLock = dst.m_SharedLock;
+  EXPECT_EQ(&(dst = src), &dst);
+  ExpectCopied(dst, src);
+  EXPECT_EQ(dst.m_Curl, nullptr);
+  EXPECT_EQ(dst.m_HeaderList, nullptr);
+  EXPECT_TRUE(oldCounter.expired() && oldLock.expired());
+  *src.m_ErrCnt = 3;
+  EXPECT_EQ(*dst.m_ErrCnt, 3);
+}
+
+TEST(ConnectionAssign, WithHandleChainsGiveIndependentDuplicates) {
+  auto src = std::make_unique<CIMconnection>();
+  Fill(*src);
+  ASSERT_EQ(src->initCurlHandle(), 0);
+  src->m_ErrCode = 1002;
+  src->m_HeaderList = curl_slist_append(nullptr, "CIMOperation: MethodCall");
+  src->m_HeaderList = curl_slist_append(src->m_HeaderList, "CIMMethod: GetClass");
+  CIMconnection a, b;
+  a = b = *src;
+  ExpectCopied(a, *src);
+  ExpectCopied(b, *src);
+  EXPECT_EQ(src->m_ErrCnt.use_count(), 3);
+  EXPECT_TRUE(a.m_Curl && b.m_Curl && a.m_Curl != b.m_Curl && a.m_Curl != src->m_Curl);
+  EXPECT_NE(a.m_HeaderList, src->m_HeaderList);
+  EXPECT_EQ(Headers(a.m_HeaderList), Headers(src->m_HeaderList));
+  src.reset();
+  EXPECT_EQ(Headers(b.m_HeaderList).size(), 2u);
+  EXPECT_STREQ(b.m_ResponseTree.m_Next->m_Next->m_Value, "hello");
+
+  void* handle = a.m_Curl;
+  CIMconnection& self = a;
+  a = self;
+  EXPECT_EQ(a.m_Curl, handle);
+  EXPECT_EQ(a.m_Port, "text5");
+}
+
+// ---- real exchanges: the fixed options and copies on the wire ----
+
+void PointAt(CIMconnection& c, const oxtest::FakeCimServer& srv, const char* scheme) {
+  c.m_Host = "127.0.0.1";
+  c.m_Protocol = scheme;
+  c.m_Port = std::to_string(srv.port());
+  c.m_User = "admin";
+  c.m_Passwd = "pw";
+  c.m_NoIPCheck = true;
+}
+
+TEST(ConnectionWire, AssignedCopyExchangesAfterTheSourceIsGone) {
+  oxtest::FakeCimServer srv;
+  auto src = std::make_unique<CIMconnection>();
+  PointAt(*src, srv, "http");
+  char object[] = "root/cimv2";
+  // An empty body gives 5001: the transfer itself worked.
+  ASSERT_EQ(src->sendRequest_recvResponse("GetClass", object), 5001);
+  CIMconnection dst;
+  dst = *src;
+  src.reset();  // the duplicate must not point into the destroyed source
+  dst.m_Request = "<CIM/>";
+  EXPECT_EQ(dst.sendRequest_recvResponse("EnumerateInstances", object), 5001);
+  EXPECT_NE(dst.m_Header.find("HTTP/1.1 200"), std::string::npos);
+  ASSERT_TRUE(srv.waitForRequests(2, 5000));
+  EXPECT_EQ(srv.requests()[1].header("CIMMethod"), "EnumerateInstances");
+  EXPECT_EQ(srv.requests()[1].body, "<CIM/>");
+}
+
+TEST(ConnectionWire, TlsFilesAndPeerVerificationReachTheHandshake) {
+  oxtest::TestPki pki;
+  oxtest::FakeCimServer::Options opt;
+  opt.tls = &pki;
+  opt.requireClientCert = true;
+  oxtest::FakeCimServer srv(opt);
+  char object[] = "root/cimv2";
+  auto run = [&](int verify, const std::string& ca, bool clientCert) {
+    CIMconnection c;
+    PointAt(c, srv, "https");
+    c.m_VerifyPeer = verify;
+    c.m_CAFile = ca;
+    if (clientCert) {
+      c.m_CertFile = pki.clientCert;
+      c.m_KeyFile = pki.clientKey;
+    }
+    return c.sendRequest_recvResponse("GetClass", object);
+  };
+  EXPECT_EQ(run(1, pki.caFile, true), 5001);
+  EXPECT_EQ(run(1, pki.otherCaFile, true), CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_EQ(run(0, pki.otherCaFile, true), 5001);
+  const int noCert = run(1, pki.caFile, false);  // refused by the server's handshake
+  EXPECT_TRUE(noCert > 0 && noCert < 100) << noCert;
+}
+
+}  // namespace
