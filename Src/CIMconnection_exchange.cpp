@@ -1,0 +1,253 @@
+// One CIM operation over HTTP(S): post m_Request to /cimom, collect and analyse the answer.
+#include "oxInternal.h"
+
+#include <curl/curl.h>
+
+#include <boost/format.hpp>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <string>
+
+namespace oxCIM {
+
+namespace {
+
+// Shared by the body and header callbacks. Nothing may unwind through libcurl's C frames,
+// so a failed append (length or allocation) aborts the transfer instead.
+size_t appendToString(char* data, size_t size, size_t count, void* userdata) {
+  const size_t n = size * count;
+  if (n == 0) return 0;
+  try {
+    static_cast<std::string*>(userdata)->append(data, n);
+  } catch (const std::exception&) {
+    return 0;
+  }
+  return n;
+}
+
+size_t bodyCallback(char* data, size_t size, size_t count, void* userdata) {
+  return appendToString(data, size, count, userdata);
+}
+
+size_t headerCallback(char* data, size_t size, size_t count, void* userdata) {
+  return appendToString(data, size, count, userdata);
+}
+
+const char* const kFixedHeaders[] = {
+    "Content-type: application/xml; charset=\"utf-8\"",
+    "Expect:",
+    "CIMOperation: MethodCall",
+    nullptr,
+};
+
+bool isNoConnectResult(long result) {
+  return result == CURLE_COULDNT_CONNECT || result == CURLE_OPERATION_TIMEDOUT ||
+         result == CURLE_ABORTED_BY_CALLBACK || result == CURLE_GOT_NOTHING;
+}
+
+}  // namespace
+
+int CIMconnection::checkProgress(void* record, double dltotal, double dlnow, double /*ultotal*/,
+                                 double /*ulnow*/) {
+  CIMprogress* p = static_cast<CIMprogress*>(record);
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  const char* name = p->name ? p->name : "";
+
+  if (dlnow != 0 && dlnow == dltotal) return 0;
+
+  // First call, or the clock jumped: (re)start the period, a bounded number of times.
+  if (p->start == 0 || now < p->last || now - p->last >= 11) {
+    ++p->fixups;
+    if (p->fixups < 6) {
+      p->start = p->last = now;
+      return 0;
+    }
+    OX_TRACE(TRACE_ENTRY, "[%s] Leave checkProgress() too many fixups occurred -> fail", name);
+    return 1;
+  }
+  if (now - p->start < p->timeout) {
+    p->last = now;
+    return 0;
+  }
+  OX_TRACE(TRACE_ENTRY, "[%s] Leave checkProgress() now-start=%d >= %d (timeout: fail)", name,
+           now - p->start, p->timeout);
+  return 1;
+}
+
+int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
+  OX_TRACE(TRACE_ENTRY, "[%s]    Enter sendRequest_recvResponse()", m_Host);
+
+  m_ErrCode = 0;
+  m_Header.clear();
+  m_Response.clear();
+  m_ResponseTree.eclean();
+
+  if (m_User.empty() || m_Passwd.empty() || m_Port.empty()) {
+    m_Info = (m_Info | NO_Auth) & ~NO_Connect;
+    SetCimStatus(5000, "sendRequest_recvResponse: m_User, m_Passwd or m_Port not found");
+    return m_ErrCode;
+  }
+
+  if (m_Curl == nullptr && initCurlHandle() != 0) {
+    SetCimStatus(1001, "sendRequest_recvResponse: curl interface is not initialized.");
+    return m_ErrCode;
+  }
+  CURL* curl = static_cast<CURL*>(m_Curl);
+
+  const std::string url = (boost::format("%s://%s:%s/cimom") % m_Protocol % m_Host % m_Port).str();
+
+  // The record must outlive curl_easy_perform only; the next call installs a fresh one.
+  CIMprogress progress{};
+
+#define OX_SETOPT(option, value)                           \
+  do {                                                     \
+    const CURLcode rc_ = curl_easy_setopt(curl, option, value); \
+    if (rc_ != CURLE_OK) {                                 \
+      SetCimStatus(static_cast<int>(rc_), nullptr);        \
+      return m_ErrCode;                                    \
+    }                                                      \
+  } while (0)
+
+  OX_SETOPT(CURLOPT_URL, url.c_str());
+  OX_SETOPT(CURLOPT_NOPROGRESS, 0L);
+  OX_SETOPT(CURLOPT_POST, 1L);
+  OX_SETOPT(CURLOPT_SSL_VERIFYHOST, 0L);
+  OX_SETOPT(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
+  OX_SETOPT(CURLOPT_USERNAME, m_User.c_str());
+  OX_SETOPT(CURLOPT_PASSWORD, m_Passwd.c_str());
+
+  progress.start = 0;
+  progress.last = 0;
+  progress.fixups = 0;
+  progress.name = m_Host.c_str();
+  const bool listening = __atomic_load_n(&ListenerThreadIsActive, __ATOMIC_RELAXED) != 0;
+  progress.timeout = m_ExtraTimeOut + (listening ? 36 : 18);
+  if (progress.timeout <= 4) progress.timeout = 5;
+  m_ExtraTimeOut = 0;
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  OX_SETOPT(CURLOPT_PROGRESSDATA, static_cast<void*>(&progress));
+  OX_SETOPT(CURLOPT_CONNECTTIMEOUT, static_cast<long>(progress.timeout));
+  OX_SETOPT(CURLOPT_PROGRESSFUNCTION, &CIMconnection::checkProgress);
+#pragma GCC diagnostic pop
+  OX_SETOPT(CURLOPT_NOSIGNAL, 1L);
+
+  if (m_HeaderList != nullptr) {
+    curl_slist_free_all(m_HeaderList);
+    m_HeaderList = nullptr;
+  }
+  // curl_slist_append leaves the old list alone when it fails, so keep it owned here.
+  auto append = [this](const std::string& line) {
+    curl_slist* grown = curl_slist_append(m_HeaderList, line.c_str());
+    if (grown == nullptr) return false;
+    m_HeaderList = grown;
+    return true;
+  };
+  const std::string obj = object ? object : "";
+  const size_t slash = obj.find('/');
+  std::string objectHeader = (boost::format("CIMObject: %s") % obj.substr(0, slash)).str();
+  if (slash != std::string::npos && slash + 1 < obj.size())
+    objectHeader += (boost::format("%%2F%s") % obj.substr(slash + 1)).str();
+  bool listOk = true;
+  for (const char* const* h = kFixedHeaders; *h && listOk; ++h) listOk = append(*h);
+  listOk = listOk && append(std::string("CIMMethod: ") + (method ? method : ""));
+  listOk = listOk && append(objectHeader);
+  if (!listOk) {
+    SetCimStatus(0, nullptr);
+    return m_ErrCode;
+  }
+
+  OX_SETOPT(CURLOPT_HTTPHEADER, m_HeaderList);
+  OX_SETOPT(CURLOPT_WRITEFUNCTION, &bodyCallback);
+  OX_SETOPT(CURLOPT_WRITEDATA, static_cast<void*>(&m_Response));
+  OX_SETOPT(CURLOPT_HEADERFUNCTION, &headerCallback);
+  OX_SETOPT(CURLOPT_HEADERDATA, static_cast<void*>(&m_Header));
+  OX_SETOPT(CURLOPT_FAILONERROR, 1L);
+  curl_easy_setopt(curl, CURLOPT_VERBOSE, static_cast<long>(do_cim_debug & 1));
+  OX_SETOPT(CURLOPT_POSTFIELDS, m_Request.c_str());
+  OX_SETOPT(CURLOPT_POSTFIELDSIZE, static_cast<long>(m_Request.size()));
+#undef OX_SETOPT
+
+  OX_TRACE(TRACE_DETAIL, "[%s]       Before curl_easy_perform()", m_Host);
+  const std::time_t before = std::time(nullptr);
+  const CURLcode result = curl ? curl_easy_perform(curl) : CURLE_COULDNT_CONNECT;
+  const std::time_t after = std::time(nullptr);
+  OX_TRACE(TRACE_DETAIL, "[%s] curl_easy_perform took %d sec, err_cnt == %d", m_Host,
+           static_cast<int64_t>(std::difftime(after, before)), m_ErrCnt ? *m_ErrCnt : 0);
+  OX_TRACE(TRACE_DETAIL, "[%s]       After curl_easy_perform() ret=%d", m_Host,
+           static_cast<int>(result));
+
+  m_Info &= ~(NO_Auth | NO_Connect);
+
+  if (result != CURLE_OK) {
+    SetCimStatus(static_cast<int>(result), nullptr);
+    long httpCode = -1;
+    if (curl) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &httpCode);
+    if (httpCode == 401) {
+      m_Info |= NO_Auth;
+      SetCimStatus(5000, "Invalid username/password");
+    } else if (isNoConnectResult(result)) {
+      m_Info |= NO_Connect;
+      OX_TRACE(TRACE_STATUS, "[%s] m_Info = 0x%x (NO_Connect)", m_Host, m_Info);
+    }
+  }
+
+  if (!m_Response.empty() || result == CURLE_GOT_NOTHING) {
+    if (m_ResponseTree.ParseCIMXML(m_Response) != 0) SetCimStatus(5002, "Can't parse the m_Response");
+  } else {
+    SetCimStatus(5001, "No data received from server");
+  }
+
+  // The ERROR element is read by attribute position: CODE first, DESCRIPTION second.
+  for (CIMelement* e = &m_ResponseTree; e != nullptr; e = e->m_Next) {
+    if (!IsKind(e, E_ERROR)) continue;
+    char* text = nullptr;
+    int code = 1001;
+    if (e->attr_get(0, &text) == A_CODE) {
+      const long n = std::strtol(text, nullptr, 10);
+      if (n >= 1) code = static_cast<int>(n);
+    }
+    char* desc = nullptr;
+    const char* description = e->attr_get(1, &desc) == A_DESCRIPTION
+                                  ? desc
+                                  : "No Description found in m_Response";
+    SetCimStatus(code, description);
+    break;
+  }
+
+  const size_t statusPos = m_Header.find("HTTP/1.");
+  if (statusPos != std::string::npos) {
+    const char* line = m_Header.c_str() + statusPos;
+    const char* p = line + 7;
+    while (static_cast<signed char>(*p) > ' ') ++p;
+    while (*p >= 1 && *p <= ' ') ++p;
+    const int status = std::atoi(p);
+    if (status != 200) {
+      const char* end = line;
+      while (static_cast<signed char>(*end) >= 32) ++end;
+      const std::string statusLine(line, end);
+      if (status == 401) m_Info = (m_Info | NO_Auth) & ~NO_Connect;
+      SetCimStatus(status != 0 ? 10000 + status : 1001, statusLine.c_str());
+    }
+  }
+
+  const size_t cimStatusPos = m_Header.find("CIMStatusCode:");
+  if (cimStatusPos != std::string::npos) {
+    const int n = std::atoi(m_Header.c_str() + cimStatusPos + 14);
+    if (n != 0) {
+      const size_t eol = m_Header.find_first_of("\r\n", cimStatusPos);
+      const std::string text = m_Header.substr(cimStatusPos, eol == std::string::npos
+                                                                 ? std::string::npos
+                                                                 : eol - cimStatusPos);
+      SetCimStatus(10000 + n, text.c_str());
+    }
+  }
+
+  OX_TRACE(TRACE_ENTRY, "[%s]    Leave sendRequest_recvResponse() m_ErrCode=%d", m_Host,
+           m_ErrCode);
+  return m_ErrCode;
+}
+
+}  // namespace oxCIM
