@@ -1,0 +1,606 @@
+// CIM-XML codec: ParseCIMXML reads a response into an element list, GenerateCIMXML writes one.
+//
+// The parser has two engines that build the same list. The exact engine follows the
+// forward close-tag search with its quote, apostrophe and comment rules; its cost grows
+// with nesting depth times text length. The streaming engine reads a plain document in
+// one pass with a stack and bails out to the exact engine at anything whose result would
+// depend on those search rules (quotes or apostrophes in text, comments, CDATA,
+// processing instructions, a tag nested in a tag of the same name, any error). Because
+// it only accepts documents where every close-tag search ends at the matching tag, both
+// engines yield the same list and the same traces for everything it accepts.
+//
+// This file deliberately depends only on exported symbols, so the fuzzer can compile it
+// in and compare the engines directly.
+#include "oxInternal.h"
+
+#include <boost/format.hpp>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace oxCIM {
+namespace codec {
+
+constexpr int kMaxDepth = 256;  // CIM counts as level 1
+constexpr size_t kNameMax = 63;
+
+// Blank: signed char below 33 but not NUL, so every byte from 0x80 up counts.
+inline bool IsBlank(char c) { return static_cast<signed char>(c) < 33 && c != 0; }
+
+inline const char* SkipBlanks(const char* p) {
+  while (IsBlank(*p)) ++p;
+  return p;
+}
+inline char* SkipBlanks(char* p) {
+  while (IsBlank(*p)) ++p;
+  return p;
+}
+
+// ---------------------------------------------------------------------------------------
+// Name tables: open addressing over the vocabulary, first match by construction since
+// every name in a table is distinct.
+
+class NameIndex {
+ public:
+  NameIndex(const char* const* names, int count) : m_Names(names) {
+    for (int& s : m_Slot) s = -1;
+    for (int i = 0; i < count; ++i) {
+      size_t len = std::strlen(names[i]);
+      unsigned h = Hash(names[i], len) & kMask;
+      while (m_Slot[h] >= 0) h = (h + 1) & kMask;
+      m_Slot[h] = i;
+      m_Len[h] = static_cast<unsigned char>(len);
+    }
+  }
+  // Identifier of the name [s, s+len) or -1.
+  int Find(const char* s, size_t len) const {
+    unsigned h = Hash(s, len) & kMask;
+    while (m_Slot[h] >= 0) {
+      if (m_Len[h] == len && std::memcmp(m_Names[m_Slot[h]], s, len) == 0) return m_Slot[h];
+      h = (h + 1) & kMask;
+    }
+    return -1;
+  }
+
+ private:
+  static constexpr unsigned kMask = 255;
+  static unsigned Hash(const char* s, size_t len) {
+    unsigned h = 2166136261u ^ static_cast<unsigned>(len);
+    for (size_t i = 0; i < len; ++i) h = (h ^ static_cast<unsigned char>(s[i])) * 16777619u;
+    return h ^ (h >> 11);
+  }
+  const char* const* m_Names;
+  int m_Slot[kMask + 1];
+  unsigned char m_Len[kMask + 1] = {};
+};
+
+const NameIndex& Elements() {
+  static const NameIndex index(known_cim_elements, E_UNKNOWN);  // entries 0 to 69
+  return index;
+}
+const NameIndex& Attributes() {
+  static const NameIndex index(known_cim_attributes, A_UNKNOWN);  // entries 0 to 32
+  return index;
+}
+
+// Locale upper-case mapping, whole strings.
+bool SameNoCase(const char* a, size_t alen, const char* b) {
+  size_t i = 0;
+  for (; i < alen; ++i) {
+    if (b[i] == 0) return false;
+    if (std::toupper(static_cast<unsigned char>(a[i])) !=
+        std::toupper(static_cast<unsigned char>(b[i])))
+      return false;
+  }
+  return b[i] == 0;
+}
+
+// Attribute identifier without the trace: 0..32, or 33.
+int AttributeId(const char* name, size_t len) {
+  int id = Attributes().Find(name, len);
+  if (id >= 0) return id;
+  if (SameNoCase(name, len, known_cim_attributes[A_EMBEDDEDOBJECT])) return A_EMBEDDEDOBJECT;
+  return A_UNKNOWN;
+}
+
+// ---------------------------------------------------------------------------------------
+// Traces, one place each so that both engines emit identical records.
+
+__attribute__((noinline)) void TraceError(const char* function, const char* text) {
+  OX_TRACE_FN(TRACE_ERROR, function, text);
+}
+__attribute__((noinline)) void TraceMissingClose(const char* name) {
+  OX_TRACE_FN(TRACE_STATUS, "findNextElement", "findNextElement: Missing correspending keyword </%s>",
+              name);
+}
+__attribute__((noinline)) void TraceUnknownAttribute(const char* name) {
+  OX_TRACE_FN(TRACE_ERROR, "ParseAttribute", "ParseAttribute: unknown CIM Attribute: %s", name);
+}
+
+// ---------------------------------------------------------------------------------------
+// The search used for every token that may sit inside quoted text.
+
+// Bytes at which findUnquoted has to look closer besides the needle's first byte.
+struct Specials {
+  bool stop[256];
+};
+constexpr Specials MakeSpecials() {
+  Specials s{};
+  s.stop[0] = true;
+  s.stop[static_cast<unsigned char>('"')] = true;
+  s.stop[static_cast<unsigned char>('\'')] = true;
+  s.stop[static_cast<unsigned char>('<')] = true;
+  return s;
+}
+constexpr Specials kSpecials = MakeSpecials();
+
+const char* FindUnquoted(const char* p, const char* needle, size_t nlen) {
+  const char first = needle[0];
+  for (;;) {
+    while (!kSpecials.stop[static_cast<unsigned char>(*p)] && *p != first) ++p;
+    const char c = *p;
+    if (c == 0) return nullptr;
+    if (c == '"' || c == '\'') {
+      p = std::strchr(p + 1, c);  // an empty "" pair is stepped over the same way
+      if (p == nullptr) return nullptr;
+      ++p;
+      continue;
+    }
+    if (c == '<' && p[1] == '!' && p[2] == '-' && p[3] == '-') {
+      p = std::strstr(p + 4, "-->");
+      if (p == nullptr) return nullptr;
+      p += 3;
+      continue;
+    }
+    if (c == first && std::strncmp(p, needle, nlen) == 0) return p;
+    ++p;
+  }
+}
+inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
+  return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
+}
+
+// Appends a fresh node behind the tail of the list being built. makeNextElement walks to
+// the end of the list from the node it is called on, so calling it on the tail keeps
+// the build linear; the parent it assigns is then corrected to the one the walk from
+// `previous` would have given.
+inline CIMelement* AppendElement(CIMelement*& tail, CIMelement* previous) {
+  CIMelement* e = tail->makeNextElement();
+  if (e == nullptr) return nullptr;
+  if (e != tail) e->m_Parent = previous;
+  tail = e;
+  return e;
+}
+
+// ---------------------------------------------------------------------------------------
+// Exact engine.
+
+class ExactParser {
+ public:
+  explicit ExactParser(CIMelement* root) : m_Tail(root) {}
+
+  int ParseBuffer(char** cursor, CIMelement* previous, int depth);
+
+ private:
+  int ParseAttribute(char** cursor, CIMelement* element);
+  CIMelement* m_Tail;
+};
+
+int ExactParser::ParseAttribute(char** cursor, CIMelement* element) {
+  char* a = *cursor;
+  char* eq = FindUnquoted(a, "=", 1);
+  if (eq == nullptr) {
+    TraceError("ParseAttribute", "ParseAttribute: missing '='");
+    return -1;
+  }
+  *eq = 0;
+  int id = AttributeId(a, static_cast<size_t>(eq - a));
+  if (id == A_UNKNOWN) TraceUnknownAttribute(a);
+  *eq = '=';
+  char* v = SkipBlanks(eq + 1);
+  if (*v != '"') {
+    TraceError("ParseAttribute", "ParseAttribute: 1. missing '\"'");
+    return -1;
+  }
+  char* close = std::strchr(v + 1, '"');
+  if (close == nullptr) {
+    TraceError("ParseAttribute", "ParseAttribute: 2. missing '\"'");
+    return -1;
+  }
+  *close = 0;
+  int r = element->attr_put(id, v + 1);
+  *close = '"';
+  if (r != 0) {
+    TraceError("parseXMLbuffer", "parseXMLbuffer: bad Attribute!");
+    return -1;
+  }
+  *cursor = close + 1;
+  return 0;
+}
+
+int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
+  if (cursor == nullptr || *cursor == nullptr) {
+    TraceError("findNextElement", "findNextElement: AddressPointer = NULL");
+    return -1;
+  }
+  char* p = *cursor;
+  CIMelement* siblingParent = nullptr;
+  for (;;) {
+    char* content = nullptr;
+    if (p[0] != 0 && p[1] == '!') {
+      while (std::strncmp(p, "<!--", 4) == 0) {
+        char* end = std::strstr(p + 4, "-->");
+        if (end == nullptr) {
+          TraceError("findNextElement", "findNextElement: missing '-->'");
+          return -1;
+        }
+        p = SkipBlanks(end + 3);
+      }
+      while (std::strncmp(p, "<![CDATA[", 9) == 0) {
+        char* end = std::strstr(p + 9, "]]>");
+        if (end == nullptr) {
+          TraceError("findNextElement", "findNextElement: missing ']]>'");
+          return -1;
+        }
+        p = SkipBlanks(end + 3);
+      }
+    }
+    if (*p == 0) {
+      *cursor = p;
+      return E_UNKNOWN;
+    }
+    if (*p != '<') {
+      TraceError("findNextElement", "findNextElement: missing '<' sign at begin.");
+      return -1;
+    }
+
+    char name[kNameMax + 1];
+    size_t nlen = 0;
+    char* q = p + 1;
+    while (nlen < kNameMax && *q != 0 && !IsBlank(*q) && *q != '/' && *q != '>')
+      name[nlen++] = *q++;
+    name[nlen] = 0;
+    const int id = Elements().Find(name, nlen);
+    if (id < 0) {
+      TraceError("findNextElement", "findNextElement: Unknown CIM Elementname");
+      return -1;
+    }
+
+    char* attrText = nullptr;
+    char* contentStart = nullptr;
+    bool empty = false;
+    if (*q == '>') {
+      contentStart = SkipBlanks(q + 1);
+    } else {
+      q = SkipBlanks(q);
+      if (q[0] == '/' && q[1] == '>') {
+        q[0] = 0;
+        p = SkipBlanks(q + 2);
+        empty = true;
+      } else {
+        attrText = q;
+        char* gt = FindUnquoted(q, ">", 1);
+        if (gt == nullptr) {
+          TraceError("findNextElement", "findNextElement: missing according '>' sign!");
+          return -1;
+        }
+        *gt = 0;
+        contentStart = SkipBlanks(gt + 1);
+        if (gt[-1] == '/' || (name[0] == '?' && gt[-1] == '?')) {
+          gt[-1] = 0;
+          p = contentStart;
+          empty = true;
+        }
+      }
+    }
+
+    if (!empty) {
+      int level = 1;
+      char* s = contentStart;
+      char* closeLt = nullptr;
+      char* after = nullptr;
+      for (;;) {
+        char* m = FindUnquoted(s, name, nlen);
+        if (m == nullptr) {
+          TraceMissingClose(name);
+          return -1;
+        }
+        after = m + nlen;
+        if (m[-2] == '<' && m[-1] == '/') {
+          if (*after == '>') {
+            if (level == 1) {
+              closeLt = m - 2;
+              break;
+            }
+            --level;
+          }
+        } else if (m[-1] == '<' && (*after == '>' || *after == ' ')) {
+          ++level;
+        }
+        s = after;
+      }
+      if (closeLt > contentStart) content = contentStart;
+      *closeLt = 0;
+      p = SkipBlanks(after + 1);
+    }
+
+    if (depth > kMaxDepth) return -1;
+    CIMelement* e = AppendElement(m_Tail, previous);
+    if (e == nullptr) {
+      TraceError("parseXMLbuffer", "parseXMLbuffer: MakeNextElement = NULL!!");
+      return -1;
+    }
+    e->m_Name = known_cim_elements[id];
+    if (siblingParent != nullptr) e->m_Parent = siblingParent;
+
+    if (attrText != nullptr) {
+      char* a = attrText;
+      for (;;) {
+        a = SkipBlanks(a);
+        if (*a == 0) break;
+        if (ParseAttribute(&a, e) < 0) return -1;
+      }
+    }
+    if (e->m_Attributes != nullptr) e->m_Attributes->FreeUnused();
+    if (content != nullptr) {
+      if (*content != '<') {
+        e->m_Value = strdup(content);
+      } else {
+        char* inner = content;
+        if (ParseBuffer(&inner, e, depth + 1) < 0) return -1;
+      }
+    }
+
+    if (*p == 0) {
+      *cursor = p;
+      return id;
+    }
+    siblingParent = e->m_Parent;
+    previous = e;
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// Streaming engine. Works on the caller's text without writing to it. Returns the
+// parse result (0) when it accepted the whole document, or -1 when the exact engine has
+// to decide; in that case the list may be partly built and nothing was traced.
+
+class StreamParser {
+ public:
+  StreamParser(CIMelement* root, bool traceUnknown) : m_Tail(root), m_Trace(traceUnknown) {}
+  int Parse(const char* cim);
+  // Traces owed for unknown attribute names, in document order.
+  const std::vector<std::string>& Unknown() const { return m_Unknown; }
+
+ private:
+  struct Open {
+    CIMelement* element;
+    int id;
+  };
+  // Reads "<NAME ...>" or "<NAME .../>" at p; false means bail out.
+  bool StartTag(const char*& p, CIMelement* parent, int& id, bool& empty);
+  static bool IsCloseOf(const char* p, int id, const char*& after) {
+    const char* n = known_cim_elements[id];
+    if (p[0] != '<' || p[1] != '/') return false;
+    const char* q = p + 2;
+    while (*n != 0 && *q == *n) ++q, ++n;
+    if (*n != 0 || *q != '>') return false;
+    after = q + 1;
+    return true;
+  }
+
+  struct PendingAttribute {
+    int id;
+    const char* begin;
+    const char* end;
+  };
+
+  CIMelement* m_Tail;
+  bool m_Trace;
+  std::vector<PendingAttribute> m_Attrs;
+  std::vector<std::string> m_Unknown;
+  std::string m_Scratch;
+  unsigned short m_OpenCount[E_UNKNOWN + 1] = {};
+};
+
+bool StreamParser::StartTag(const char*& p, CIMelement* parent, int& id, bool& empty) {
+  const char* q = p + 1;
+  const char* n = q;
+  while (!IsBlank(*q) && *q != 0 && *q != '/' && *q != '>') {
+    if (q - n >= static_cast<long>(kNameMax)) return false;
+    ++q;
+  }
+  id = Elements().Find(n, static_cast<size_t>(q - n));
+  // "?xml" inside a document, and any tag inside one of the same name (whose close-tag
+  // search counts depth by its own rules), are left to the exact engine.
+  if (id <= E_XML || m_OpenCount[id] != 0) return false;
+
+  CIMelement* e = AppendElement(m_Tail, parent);
+  if (e == nullptr) return false;
+  e->m_Name = known_cim_elements[id];
+
+  empty = false;
+  if (*q != '>') {
+    m_Attrs.clear();
+    q = SkipBlanks(q);
+    for (;;) {
+      if (*q == '>') break;
+      if (*q == '/') {
+        if (q[1] != '>') return false;
+        empty = true;
+        ++q;
+        break;
+      }
+      const char* an = q;
+      for (;; ++q) {
+        const char c = *q;
+        if (c == '=') break;
+        if (IsBlank(c) || c == 0 || c == '"' || c == '\'' || c == '<' || c == '>' || c == '/')
+          return false;
+      }
+      const size_t alen = static_cast<size_t>(q - an);
+      const char* v = SkipBlanks(q + 1);
+      if (*v != '"') return false;
+      const char* close = std::strchr(v + 1, '"');
+      if (close == nullptr) return false;
+      const int aid = AttributeId(an, alen);
+      if (aid == A_UNKNOWN && m_Trace) m_Unknown.emplace_back(an, alen);
+      m_Attrs.push_back({aid, v + 1, close});
+      q = SkipBlanks(close + 1);
+    }
+    if (!m_Attrs.empty()) {
+      // Sized up front: the same array a growing attr_put and FreeUnused would leave,
+      // without the grow-then-shrink reallocation per element.
+      auto* attrs = new CIMarray;
+      e->m_Attributes = attrs;
+      if (attrs->setmaxargc(m_Attrs.size()) != 0) return false;
+      for (const PendingAttribute& a : m_Attrs) {
+        m_Scratch.assign(a.begin, a.end);
+        if (e->attr_put(a.id, m_Scratch.c_str()) != 0) return false;
+      }
+      if (attrs->argc != attrs->maxargc) attrs->FreeUnused();
+      m_Attrs.clear();
+    }
+  }
+  p = q + 1;
+  return true;
+}
+
+int StreamParser::Parse(const char* cim) {
+  std::vector<Open> stack;
+  stack.reserve(32);
+  const char* p = cim;
+  int id = 0;
+  bool empty = false;
+  // The first element is CIM (the caller found "<CIM "), and it is the only top-level one.
+  for (;;) {
+    CIMelement* parent = stack.empty() ? nullptr : stack.back().element;
+    if (p[1] == '/' || p[1] == '!' || p[1] == '?') return -1;
+    if (stack.size() >= static_cast<size_t>(kMaxDepth)) return -1;
+    if (!StartTag(p, parent, id, empty)) return -1;
+    CIMelement* e = m_Tail;
+    if (!empty) {
+      const char* c = SkipBlanks(p);
+      const char* after = nullptr;
+      if (*c == '<') {
+        if (c[1] != '/') {
+          stack.push_back({e, id});
+          ++m_OpenCount[id];
+          p = c;
+          continue;
+        }
+        if (!IsCloseOf(c, id, after)) return -1;
+        p = after;
+      } else {
+        const char* t = c;
+        for (;; ++t) {
+          const char ch = *t;
+          if (ch == '<') break;
+          if (ch == 0 || ch == '"' || ch == '\'') return -1;
+        }
+        if (!IsCloseOf(t, id, after)) return -1;
+        const size_t len = static_cast<size_t>(t - c);
+        char* value = static_cast<char*>(std::malloc(len + 1));
+        if (value == nullptr) return -1;
+        std::memcpy(value, c, len);
+        value[len] = 0;
+        e->m_Value = value;
+        p = after;
+      }
+    }
+    // Behind a finished element: close the open ones whose close tags follow.
+    for (;;) {
+      p = SkipBlanks(p);
+      if (stack.empty()) return *p == 0 ? 0 : -1;
+      if (*p != '<') return -1;
+      if (p[1] != '/') break;
+      const char* after = nullptr;
+      if (!IsCloseOf(p, stack.back().id, after)) return -1;
+      --m_OpenCount[stack.back().id];
+      stack.pop_back();
+      p = after;
+    }
+  }
+}
+
+// The whole read: frame search, then the streaming engine when allowed, else (or when it
+// bails out) the exact engine on a private copy.
+int Parse(CIMelement* root, const std::string& text, bool allowStream) {
+  root->eclean();
+  const char* src = text.c_str();
+  const char* decl = FindUnquoted(src, "<?xml ", 6);
+  if (decl == nullptr) return 1001;
+  const char* cim = FindUnquoted(decl, "<CIM ", 5);
+  if (cim == nullptr) return 1001;
+
+  if (allowStream) {
+    StreamParser stream(root, ::oxCIM::oxCIM.IsTraced(TRACE_ERROR));
+    if (stream.Parse(cim) == 0) {
+      for (const std::string& name : stream.Unknown()) TraceUnknownAttribute(name.c_str());
+      return 0;
+    }
+    root->eclean();
+  }
+
+  char* copy = strdup(src);
+  if (copy == nullptr) return 1001;
+  char* cursor = copy + (cim - src);
+  ExactParser exact(root);
+  const int r = exact.ParseBuffer(&cursor, root, 1);
+  std::free(copy);
+  return r == E_CIM ? 0 : 1001;
+}
+
+}  // namespace codec
+
+// ---------------------------------------------------------------------------------------
+
+int CIMelement::ParseCIMXML(const std::string& text) { return codec::Parse(this, text, true); }
+
+int CIMelement::GenerateCIMXML(std::string& out) {
+  CIMelement* last = getLastElement();
+  if (IsKind(this, E_CIM)) out = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n";
+
+  boost::format open("<%s");
+  boost::format attribute(" %s=\"%s\"");
+  boost::format leaf(">%s</%s>\n");
+  boost::format closing("</%s>\n");
+  for (CIMelement* e = this; e != nullptr; e = e->m_Next) {
+    const char* name = e->m_Name != nullptr ? e->m_Name : "";
+    out += (open % name).str();
+    for (unsigned long pos = 0;; ++pos) {
+      char* value = nullptr;
+      const int id = e->attr_get(pos, &value);
+      if (id == A_UNKNOWN) break;
+      out += (attribute % known_cim_attributes[id] % value).str();
+    }
+    CIMelement* next = e->m_Next != nullptr ? e->m_Next : this;
+    CIMelement* np = next->m_Parent;
+    if (np == e) {
+      out += ">\n";
+      if (e->m_Value != nullptr)
+        OX_TRACE(TRACE_ERROR, "GenerateCIMXML: (#PCDATA) not allowed here!");
+    } else {
+      if (e->m_Value == nullptr)
+        out += "/>\n";
+      else
+        out += (leaf % e->m_Value % name).str();
+      CIMelement* a = e->m_Parent;
+      while (a != nullptr && a != np) {
+        out += (closing % (a->m_Name != nullptr ? a->m_Name : "")).str();
+        a = a->m_Parent;
+      }
+      if (a == nullptr && np != nullptr) {
+        OX_TRACE(TRACE_ERROR, "GenerateCIMXML: bad data in CIMelement found!");
+        return 1001;
+      }
+    }
+    if (e == last) return 0;
+  }
+  return 0;
+}
+
+}  // namespace oxCIM

@@ -1,0 +1,158 @@
+// Throughput of the CIM-XML parser and generator, beside libxml2's DOM parse of the same
+// bytes in the same run, and the parser's peak heap use per input byte.
+#include <benchmark/benchmark.h>
+#include <libxml/parser.h>
+#include <malloc.h>
+#include <oxCIM.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string>
+
+#include "EnumGen.h"
+
+// Heap accounting: every malloc family call of the process (the library's strdup and
+// CIMarray blocks, operator new) goes through these while `g_counting` is set.
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void __libc_free(void*);
+}
+
+namespace {
+std::atomic<bool> g_counting{false};
+std::atomic<long long> g_current{0};
+std::atomic<long long> g_peak{0};
+
+inline void Grow(void* p) {
+  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
+  const long long now = g_current += static_cast<long long>(malloc_usable_size(p));
+  long long peak = g_peak.load(std::memory_order_relaxed);
+  while (now > peak && !g_peak.compare_exchange_weak(peak, now)) {
+  }
+}
+inline void Shrink(void* p) {
+  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
+  g_current -= static_cast<long long>(malloc_usable_size(p));
+}
+}  // namespace
+
+extern "C" {
+void* malloc(size_t n) {
+  void* p = __libc_malloc(n);
+  Grow(p);
+  return p;
+}
+void* calloc(size_t n, size_t m) {
+  void* p = __libc_calloc(n, m);
+  Grow(p);
+  return p;
+}
+void* realloc(void* old, size_t n) {
+  Shrink(old);
+  void* p = __libc_realloc(old, n);
+  if (p == nullptr && n != 0 && old != nullptr) Grow(old);  // the old block survives
+  Grow(p);
+  return p;
+}
+void free(void* p) {
+  Shrink(p);
+  __libc_free(p);
+}
+}
+
+namespace {
+
+const std::string& Input(int64_t instances) {
+  static std::string small = MakeGetInstanceResponse();
+  static std::string medium = MakeEnumerateInstancesResponse(500);
+  static std::string large = MakeEnumerateInstancesResponse(10000);
+  if (instances == 0) return small;
+  return instances <= 500 ? medium : large;
+}
+
+// Arg: 0 = one GetInstance answer (~1 KB), 500 instances (~1 MB), 10000 (~20 MB).
+void BM_ParseCIMXML(benchmark::State& state) {
+  const std::string& text = Input(state.range(0));
+  oxCIM::CIMelement root;
+  for (auto _ : state) {
+    if (root.ParseCIMXML(text) != 0) state.SkipWithError("parse failed");
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(text.size()) * state.iterations());
+  state.counters["input_bytes"] = static_cast<double>(text.size());
+}
+BENCHMARK(BM_ParseCIMXML)->Arg(0)->Arg(500)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_Libxml2ReadMemory(benchmark::State& state) {
+  const std::string& text = Input(state.range(0));
+  for (auto _ : state) {
+    xmlDocPtr doc = xmlReadMemory(text.data(), static_cast<int>(text.size()), "answer.xml",
+                                  nullptr, XML_PARSE_NONET);
+    if (doc == nullptr) state.SkipWithError("libxml2 parse failed");
+    xmlFreeDoc(doc);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(text.size()) * state.iterations());
+}
+BENCHMARK(BM_Libxml2ReadMemory)->Arg(0)->Arg(500)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+// The same answer with one comment inside: the parser takes its exact (search-based) route.
+void BM_ParseCIMXMLExactRoute(benchmark::State& state) {
+  std::string text = Input(state.range(0));
+  const size_t msg = text.find("<MESSAGE");
+  text.insert(msg, "<!-- routed -->\n");
+  oxCIM::CIMelement root;
+  for (auto _ : state) {
+    if (root.ParseCIMXML(text) != 0) state.SkipWithError("parse failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(text.size()) * state.iterations());
+}
+BENCHMARK(BM_ParseCIMXMLExactRoute)->Arg(0)->Arg(500)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_GenerateCIMXML(benchmark::State& state) {
+  const std::string& text = Input(state.range(0));
+  oxCIM::CIMelement root;
+  if (root.ParseCIMXML(text) != 0) {
+    state.SkipWithError("parse failed");
+    return;
+  }
+  std::string out;
+  for (auto _ : state) {
+    out.clear();
+    if (root.GenerateCIMXML(out) != 0) state.SkipWithError("generate failed");
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(out.size()) * state.iterations());
+}
+BENCHMARK(BM_GenerateCIMXML)->Arg(0)->Arg(500)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+// Peak heap during one parse, and the heap the finished tree keeps, per input byte.
+void BM_ParsePeakMemory(benchmark::State& state) {
+  const std::string& text = Input(state.range(0));
+  double peak = 0, kept = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto* root = new oxCIM::CIMelement;
+    g_current = 0;
+    g_peak = 0;
+    g_counting = true;
+    state.ResumeTiming();
+    const int r = root->ParseCIMXML(text);
+    state.PauseTiming();
+    g_counting = false;
+    if (r != 0) state.SkipWithError("parse failed");
+    peak = static_cast<double>(g_peak.load());
+    kept = static_cast<double>(g_current.load());
+    delete root;
+    state.ResumeTiming();
+  }
+  state.counters["peak_per_input_byte"] = peak / static_cast<double>(text.size());
+  state.counters["tree_per_input_byte"] = kept / static_cast<double>(text.size());
+  state.counters["peak_MB"] = peak / 1e6;
+}
+BENCHMARK(BM_ParsePeakMemory)->Arg(500)->Arg(10000)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
