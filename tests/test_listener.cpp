@@ -363,8 +363,10 @@ TEST_F(Listener, StopWaitsForReadersInFlight) {
 
 TEST(ListenerLoad, ConcurrentSendersAreEachAnsweredAndDeliveredOnce) {
   const int kSenders = 16, kPerSender = 1000;
-  // Threads of earlier tests' readers may still be on their way out.
-  Eventually([] { return CountEntries("/proc/self/task") == 1; });
+  // Sanitizer runtimes add a helper thread with the first thread created: start one
+  // first so the baseline counts it. Earlier tests' readers may still be on their way out.
+  std::thread([] {}).join();
+  Eventually([] { return CountEntries("/proc/self/task") <= 2; });
   size_t fds0 = CountEntries("/proc/self/fd"), tasks0 = CountEntries("/proc/self/task");
   oxCIM::CIMindication l;
   int port = FreePort();
@@ -397,7 +399,7 @@ TEST(ListenerLoad, ConcurrentSendersAreEachAnsweredAndDeliveredOnce) {
   int repeated = 0;
   for (auto& kv : seen) repeated += kv.second != 1;
   EXPECT_EQ(repeated, 0);
-  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/task") == tasks0; }));
+  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/task") <= tasks0; }));
   EXPECT_EQ(CountEntries("/proc/self/fd"), fds0);
   EXPECT_EQ(ActiveReaders(), 0);
 }
