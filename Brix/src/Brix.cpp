@@ -133,13 +133,13 @@ CFormatStream::CFormatStream(Internals::CTraceStreamBuffer& buffer, const char* 
 CFormatStream::~CFormatStream() {
   // Conversions left without an argument are written as they stand.
   while (*m_Pos) {
-    std::string spec = NextSpec();
-    if (spec.empty()) break;
-    m_Buffer.Append(spec);
+    std::string directive = NextDirective();
+    if (directive.empty()) break;
+    m_Buffer.Append(directive);
   }
 }
 
-std::string CFormatStream::NextSpec() {
+std::string CFormatStream::NextDirective() {
   for (;;) {
     const char* pct = std::strchr(m_Pos, '%');
     if (!pct) {
@@ -162,93 +162,93 @@ std::string CFormatStream::NextSpec() {
     }
     while (*p && std::strchr("hlLqjzt", *p)) ++p;
     if (*p) ++p;  // the conversion letter
-    std::string spec(pct, p - pct);
+    std::string directive(pct, p - pct);
     m_Pos = p;
-    return spec;
+    return directive;
   }
 }
 
 namespace {
 
-// Rebuilds a spec with the given length modifier and conversion letter.
-std::string Respec(const std::string& spec, const char* length, char conv) {
-  size_t end = spec.size() - 1;  // drop the conversion letter
-  while (end > 1 && std::strchr("hlLqjzt", spec[end - 1])) --end;
-  return spec.substr(0, end) + length + conv;
+// Rebuilds a directive with the given length modifier and conversion letter.
+std::string Redirective(const std::string& directive, const char* length, char conv) {
+  size_t end = directive.size() - 1;  // drop the conversion letter
+  while (end > 1 && std::strchr("hlLqjzt", directive[end - 1])) --end;
+  return directive.substr(0, end) + length + conv;
 }
 
 template <typename T>
-std::string Printf(const std::string& spec, T value) {
+std::string Printf(const std::string& directive, T value) {
   char small[128];
-  int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+  int n = std::snprintf(small, sizeof small, directive.c_str(), value);
   if (n < 0) return std::string();
   if (static_cast<size_t>(n) < sizeof small) return std::string(small, n);
   std::string big(static_cast<size_t>(n) + 1, '\0');
-  std::snprintf(&big[0], big.size(), spec.c_str(), value);
+  std::snprintf(&big[0], big.size(), directive.c_str(), value);
   big.resize(static_cast<size_t>(n));
   return big;
 }
 
-bool IsLong(const std::string& spec) {
-  return spec.size() >= 2 && (spec[spec.size() - 2] == 'l' || spec[spec.size() - 2] == 'j' ||
-                              spec[spec.size() - 2] == 'z' || spec[spec.size() - 2] == 'q');
+bool IsLong(const std::string& directive) {
+  return directive.size() >= 2 && (directive[directive.size() - 2] == 'l' || directive[directive.size() - 2] == 'j' ||
+                              directive[directive.size() - 2] == 'z' || directive[directive.size() - 2] == 'q');
 }
 
 }  // namespace
 
 CFormatStream& CFormatStream::operator<<(const char* text) {
-  std::string spec = NextSpec();
-  if (spec.empty()) return *this;
+  std::string directive = NextDirective();
+  if (directive.empty()) return *this;
   const char* s = text ? text : "(null)";
-  if (spec.back() == 's')
-    m_Buffer.Append(Printf(Respec(spec, "", 's'), s));
+  if (directive.back() == 's')
+    m_Buffer.Append(Printf(Redirective(directive, "", 's'), s));
   else
     m_Buffer.Append(s, std::strlen(s));  // a text for a numeric conversion: shown as it is
   return *this;
 }
 
 CFormatStream& CFormatStream::operator<<(const std::string& text) {
-  std::string spec = NextSpec();
-  if (spec.empty()) return *this;
-  if (spec.back() == 's' && spec.size() == 2)
+  std::string directive = NextDirective();
+  if (directive.empty()) return *this;
+  if (directive.back() == 's' && directive.size() == 2)
     m_Buffer.Append(text);  // keeps embedded bytes and skips a copy for the common case
-  else if (spec.back() == 's')
-    m_Buffer.Append(Printf(Respec(spec, "", 's'), text.c_str()));
+  else if (directive.back() == 's')
+    m_Buffer.Append(Printf(Redirective(directive, "", 's'), text.c_str()));
   else
     m_Buffer.Append(text);
   return *this;
 }
 
 CFormatStream& CFormatStream::operator<<(const FormatInt& number) {
-  std::string spec = NextSpec();
-  if (spec.empty()) return *this;
-  char conv = spec.back();
+  std::string directive = NextDirective();
+  if (directive.empty()) return *this;
+  char conv = directive.back();
   const int64_t v = number.value;
   switch (conv) {
     case 'd':
     case 'i':
-      if (IsLong(spec))
-        m_Buffer.Append(Printf(Respec(spec, "ll", 'd'), static_cast<long long>(v)));
+      if (IsLong(directive))
+        m_Buffer.Append(Printf(Redirective(directive, "ll", 'd'), static_cast<long long>(v)));
       else
-        m_Buffer.Append(Printf(Respec(spec, "", 'd'), static_cast<int>(v)));
+        m_Buffer.Append(Printf(Redirective(directive, "", 'd'), static_cast<int>(v)));
       break;
     case 'u':
     case 'x':
     case 'X':
     case 'o':
-      if (IsLong(spec))
-        m_Buffer.Append(Printf(Respec(spec, "ll", conv), static_cast<unsigned long long>(v)));
+      if (IsLong(directive))
+        m_Buffer.Append(Printf(Redirective(directive, "ll", conv), static_cast<unsigned long long>(v)));
       else
-        m_Buffer.Append(Printf(Respec(spec, "", conv), static_cast<unsigned int>(v)));
+        m_Buffer.Append(Printf(Redirective(directive, "", conv), static_cast<unsigned int>(v)));
       break;
     case 'c':
-      m_Buffer.Append(Printf(Respec(spec, "", 'c'), static_cast<int>(v)));
+      m_Buffer.Append(Printf(Redirective(directive, "", 'c'), static_cast<int>(v)));
       break;
     case 'g':
     case 'G':
     case 'f':
     case 'e':
-      m_Buffer.Append(Printf(Respec(spec, "", conv), static_cast<double>(v)));
+      m_Buffer.Append(Printf(Redirective(directive, "", conv), static_cast<double>(v)));
       break;
     default:
       m_Buffer.Append(std::to_string(v));
@@ -257,11 +257,11 @@ CFormatStream& CFormatStream::operator<<(const FormatInt& number) {
 }
 
 CFormatStream& CFormatStream::operator<<(double number) {
-  std::string spec = NextSpec();
-  if (spec.empty()) return *this;
-  char conv = spec.back();
+  std::string directive = NextDirective();
+  if (directive.empty()) return *this;
+  char conv = directive.back();
   if (std::strchr("gGfFeEaA", conv))
-    m_Buffer.Append(Printf(Respec(spec, "", conv), number));
+    m_Buffer.Append(Printf(Redirective(directive, "", conv), number));
   else
     m_Buffer.Append(Printf(std::string("%g"), number));
   return *this;

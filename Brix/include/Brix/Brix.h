@@ -146,8 +146,8 @@ class BRIX_API CFormatStream {
   CFormatStream& operator<<(double number);
 
  private:
-  // Copies literal text up to the next conversion and returns its spec ("%-5d"), or "" at the end.
-  std::string NextSpec();
+  // Copies literal text up to the next conversion and returns the directive ("%-5d"), or "" at the end.
+  std::string NextDirective();
   Internals::CTraceStreamBuffer& m_Buffer;
   const char* m_Pos;
 };
