@@ -16,6 +16,8 @@
 #include <string>
 #include <thread>
 
+#include "TestSupport.h"
+
 namespace {
 
 std::atomic<long> g_delivered{0};
@@ -44,42 +46,9 @@ const std::string& RequestText() {
   return text;
 }
 
-int FreePort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_ANY);
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-  socklen_t len = sizeof(a);
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  close(s);
-  return ntohs(a.sin_port);
-}
-
 // One indication: connect, send, read the answer to its end, close.
 bool SendOne(int port) {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  timeval tv{10, 0};
-  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
-    close(s);
-    return false;
-  }
-  const std::string& req = RequestText();
-  bool ok = send(s, req.data(), req.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(req.size());
-  char buf[2048];
-  size_t got = 0;
-  for (;;) {
-    ssize_t n = recv(s, buf, sizeof(buf), 0);
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
-  }
-  close(s);
-  return ok && got > 0;
+  return oxtest::RawExchange(port, RequestText()).compare(0, 15, "HTTP/1.1 200 OK") == 0;
 }
 
 // The baseline: one thread that accepts, reads one request, answers, closes.
@@ -159,7 +128,7 @@ int main(int argc, char** argv) {
   g_baseline = &baseline;
   oxCIM::CIMindication listener;
   listener.pCallBack = &Count;
-  listener.m_Port = FreePort();
+  listener.m_Port = oxtest::FreePort();
   if (listener.start_Listener() != 0) return 1;
   // Wait until the listener takes connections.
   for (int i = 0; i < 500 && !SendOne(listener.m_Port); ++i)

@@ -7,7 +7,6 @@
 // stage alone, in a steady loop of its own).
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
-#include <malloc.h>
 #include <oxCIM.h>
 
 #include <atomic>
@@ -17,57 +16,9 @@
 #include <string>
 
 #include "EnumGen.h"
+#include "MemCount.h"
 #include "FakeCimServer.h"
-
-// Heap accounting over every malloc-family call of the process while `g_counting` is set.
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-}
-
-namespace {
-std::atomic<bool> g_counting{false};
-std::atomic<long long> g_current{0};
-std::atomic<long long> g_peak{0};
-
-inline void Grow(void* p) {
-  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
-  const long long now = g_current += static_cast<long long>(malloc_usable_size(p));
-  long long peak = g_peak.load(std::memory_order_relaxed);
-  while (now > peak && !g_peak.compare_exchange_weak(peak, now)) {
-  }
-}
-inline void Shrink(void* p) {
-  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
-  g_current -= static_cast<long long>(malloc_usable_size(p));
-}
-}  // namespace
-
-extern "C" {
-void* malloc(size_t n) {
-  void* p = __libc_malloc(n);
-  Grow(p);
-  return p;
-}
-void* calloc(size_t n, size_t m) {
-  void* p = __libc_calloc(n, m);
-  Grow(p);
-  return p;
-}
-void* realloc(void* old, size_t n) {
-  Shrink(old);
-  void* p = __libc_realloc(old, n);
-  if (p == nullptr && n != 0 && old != nullptr) Grow(old);
-  Grow(p);
-  return p;
-}
-void free(void* p) {
-  Shrink(p);
-  __libc_free(p);
-}
-}
+#include "TestSupport.h"
 
 namespace {
 
@@ -91,12 +42,7 @@ oxtest::FakeCimServer& Server(int64_t instances) {
 }
 
 void Point(oxCIM::CIMcontainer& c, int port) {
-  c.m_Host = "127.0.0.1";
-  c.m_User = "bench";
-  c.m_Passwd = "bench";
-  c.m_Protocol = "http";
-  c.m_Port = std::to_string(port);
-  c.m_NoIPCheck = true;
+  oxtest::PointAt(c, port);
   c.setCurrentClass("OX_StorageVolume", nullptr);
 }
 
@@ -287,16 +233,14 @@ void BM_EnumerateInstancesPeakMemory(benchmark::State& state) {
     srv.setDefault(oxtest::CannedResponse::cimOk(Answer(n)));
     auto c = std::make_unique<oxCIM::CIMcontainer>();
     Point(*c, srv.port());
-    g_current = 0;
-    g_peak = 0;
-    g_counting = true;
+    memcount::Start();
     const unsigned long r = c->Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
-    peak = static_cast<double>(g_peak.load());
-    const long long before = g_current.load();
+    peak = static_cast<double>(memcount::Peak());
+    const long long before = memcount::Current();
     oxCIM::CIMclass::kill_element(&c->m_pcls->m_InstanceNames);
     oxCIM::CIMclass::kill_element(&c->m_pcls->m_Properties);
-    kept = static_cast<double>(before - g_current.load());  // what the result lists held
-    g_counting = false;
+    kept = static_cast<double>(before - memcount::Current());  // what the result lists held
+    memcount::Stop();
     if (r == 0) state.SkipWithError("EnumerateInstances failed");
     c.reset();
     srv.stop();

@@ -2,7 +2,6 @@
 // bytes in the same run, and the parser's peak heap use per input byte.
 #include <benchmark/benchmark.h>
 #include <libxml/parser.h>
-#include <malloc.h>
 #include <oxCIM.h>
 
 #include <atomic>
@@ -10,57 +9,7 @@
 #include <string>
 
 #include "EnumGen.h"
-
-// Heap accounting: every malloc family call of the process (the library's strdup and
-// CIMarray blocks, operator new) goes through these while `g_counting` is set.
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-}
-
-namespace {
-std::atomic<bool> g_counting{false};
-std::atomic<long long> g_current{0};
-std::atomic<long long> g_peak{0};
-
-inline void Grow(void* p) {
-  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
-  const long long now = g_current += static_cast<long long>(malloc_usable_size(p));
-  long long peak = g_peak.load(std::memory_order_relaxed);
-  while (now > peak && !g_peak.compare_exchange_weak(peak, now)) {
-  }
-}
-inline void Shrink(void* p) {
-  if (p == nullptr || !g_counting.load(std::memory_order_relaxed)) return;
-  g_current -= static_cast<long long>(malloc_usable_size(p));
-}
-}  // namespace
-
-extern "C" {
-void* malloc(size_t n) {
-  void* p = __libc_malloc(n);
-  Grow(p);
-  return p;
-}
-void* calloc(size_t n, size_t m) {
-  void* p = __libc_calloc(n, m);
-  Grow(p);
-  return p;
-}
-void* realloc(void* old, size_t n) {
-  Shrink(old);
-  void* p = __libc_realloc(old, n);
-  if (p == nullptr && n != 0 && old != nullptr) Grow(old);  // the old block survives
-  Grow(p);
-  return p;
-}
-void free(void* p) {
-  Shrink(p);
-  __libc_free(p);
-}
-}
+#include "MemCount.h"
 
 namespace {
 
@@ -134,16 +83,14 @@ void BM_ParsePeakMemory(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     auto* root = new oxCIM::CIMelement;
-    g_current = 0;
-    g_peak = 0;
-    g_counting = true;
+    memcount::Start();
     state.ResumeTiming();
     const int r = root->ParseCIMXML(text);
     state.PauseTiming();
-    g_counting = false;
+    memcount::Stop();
     if (r != 0) state.SkipWithError("parse failed");
-    peak = static_cast<double>(g_peak.load());
-    kept = static_cast<double>(g_current.load());
+    peak = static_cast<double>(memcount::Peak());
+    kept = static_cast<double>(memcount::Current());
     delete root;
     state.ResumeTiming();
   }

@@ -62,12 +62,6 @@ std::string RecordedRequest::header(const std::string& name) const {
   return {};
 }
 
-bool RecordedRequest::hasHeader(const std::string& name) const {
-  for (const auto& h : headers)
-    if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
-  return false;
-}
-
 // ---------------------------------------------------------------------------------------
 // Throw-away PKI
 
@@ -479,10 +473,6 @@ void FakeCimServer::serve(Conn* conn) {
 
   const std::shared_ptr<const CannedResponse> next = nextResponse();
   const CannedResponse& resp = *next;
-  if (resp.delayMs > 0 && !sleepUnlessStopped(resp.delayMs)) {
-    finish();
-    return;
-  }
   switch (resp.action) {
     case CannedResponse::Action::CloseWithoutReply:
       finish();
@@ -498,12 +488,9 @@ void FakeCimServer::serve(Conn* conn) {
       break;
   }
 
-  std::string head = !resp.statusLine.empty()
-                         ? resp.statusLine
-                         : "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason;
-  head += "\r\n";
+  std::string head = "HTTP/1.1 " + std::to_string(resp.status) + " " + resp.reason + "\r\n";
   for (const auto& h : resp.headers) head += h.first + ": " + h.second + "\r\n";
-  if (resp.addContentLength) head += "Content-Length: " + std::to_string(resp.body.size()) + "\r\n";
+  head += "Content-Length: " + std::to_string(resp.body.size()) + "\r\n";
   head += "Connection: close\r\n\r\n";
 
   if (resp.dripChunk == 0 && resp.body.size() <= 65536) {

@@ -39,11 +39,8 @@ struct CannedResponse {
   Action action = Action::Reply;
   int status = 200;
   std::string reason = "OK";
-  std::string statusLine;  // when set, sent verbatim instead of "HTTP/1.1 <status> <reason>"
-  HeaderList headers;      // sent in this order
+  HeaderList headers;      // sent in this order, then Content-Length
   std::string body;
-  bool addContentLength = true;  // append "Content-Length: <body size>" after headers
-  int delayMs = 0;               // pause after reading the request, before answering
   std::size_t dripChunk = 0;     // >0: write the body in chunks of this many bytes...
   int dripPauseMs = 0;           // ...with this pause before each chunk
 
@@ -64,7 +61,6 @@ struct RecordedRequest {
 
   // First header with that name (case-insensitive), or "" when absent.
   std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const;
 };
 
 // A throw-away PKI written as PEM files to a fresh temporary directory (removed again by

@@ -3,41 +3,28 @@
 
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <cstdio>
 #include <fstream>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 using oxCIM::CIMconnection;
+using Traces = oxtest::TraceCapture;
 
 namespace {
 
-struct Traces {
-  explicit Traces(unsigned long mask) {
-    Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
-      std::lock_guard<std::mutex> lock(mu);
-      recs.push_back(r);
-    });
-    oxCIM::oxCIM.SetTraceMask(mask);
-  }
-  ~Traces() {
-    oxCIM::oxCIM.SetTraceMask(0);
-    Brix::Internals::SetTraceSink({});
-  }
-  std::mutex mu;
-  std::vector<Brix::Internals::TraceRecord> recs;
-};
-
 // Expects exactly the 5003 failure trace for the host; the resolver result must be zero or not.
-void ExpectFailureTrace(const Traces& t, const std::string& host, bool retZero) {
-  ASSERT_EQ(t.recs.size(), 1u);
-  EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_STATUS);
-  EXPECT_EQ(t.recs[0].function, "setIPAddress");
+void ExpectFailureTrace(const std::vector<Brix::Internals::TraceRecord>& recs,
+                        const std::string& host, bool retZero) {
+  ASSERT_EQ(recs.size(), 1u);
+  EXPECT_EQ(recs[0].level, oxCIM::TRACE_STATUS);
+  EXPECT_EQ(recs[0].function, "setIPAddress");
   const std::string head = "[" + host + "] setIPAddress: cannot get IP-Address. ret=";
-  const std::string& text = t.recs[0].text;
+  const std::string& text = recs[0].text;
   ASSERT_EQ(text.compare(0, head.size(), head), 0) << text;
   int ret = 0, err = 0;
   char tail[2] = {0, 0};
@@ -54,22 +41,23 @@ TEST(SetIPAddress, NumericIPv4GivesSameTextAndReverseNameOrErrorTrace) {
   c.setIPAddress("127.0.1.1", address, &fqdn);  // only 127.0.0.1 itself is skipped
   EXPECT_EQ(address, "127.0.1.1");
   EXPECT_EQ(c.m_ErrCode, 0);
-  ASSERT_EQ(t.recs.size(), 1u);
+  const auto recs = t.records();
+  ASSERT_EQ(recs.size(), 1u);
   if (fqdn == address) {  // no reverse name: the numeric form is flagged but still taken
-    EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_STATUS);
-    EXPECT_EQ(t.recs[0].text,
+    EXPECT_EQ(recs[0].level, oxCIM::TRACE_STATUS);
+    EXPECT_EQ(recs[0].text,
               "setIPAddress: [127.0.1.1] ipAdrr:'127.0.1.1' m_FQDN:'127.0.1.1', Error???");
   } else {
-    EXPECT_EQ(t.recs[0].level, oxCIM::TRACE_DETAIL);
-    EXPECT_EQ(t.recs[0].text, "setIPAddress: [127.0.1.1] -> '" + fqdn + "'");
+    EXPECT_EQ(recs[0].level, oxCIM::TRACE_DETAIL);
+    EXPECT_EQ(recs[0].text, "setIPAddress: [127.0.1.1] -> '" + fqdn + "'");
   }
   // Without an FQDN pointer there is no reverse lookup; an earlier status survives success.
-  t.recs.clear();
+  t.clear();
   c.m_ErrCode = 5001;
   c.setIPAddress("10.20.30.40", address, nullptr);
   EXPECT_EQ(address, "10.20.30.40");
   EXPECT_EQ(c.m_ErrCode, 5001);
-  EXPECT_TRUE(t.recs.empty());
+  EXPECT_TRUE(t.records().empty());
 }
 
 TEST(SetIPAddress, IPv6UncompressedLowerCaseOnlyTheOddLoopbackSkipped) {
@@ -88,7 +76,7 @@ TEST(SetIPAddress, IPv6UncompressedLowerCaseOnlyTheOddLoopbackSkipped) {
   c.setIPAddress("0:0:0:5:0:0:0:1", a, nullptr);
   EXPECT_EQ(a, "");
   EXPECT_EQ(c.m_ErrCode, 5003);
-  ExpectFailureTrace(t, "0:0:0:5:0:0:0:1", true);
+  ExpectFailureTrace(t.records(), "0:0:0:5:0:0:0:1", true);
 }
 
 TEST(SetIPAddress, LoopbackV4SkippedButStillGivesFqdn) {
@@ -101,10 +89,9 @@ TEST(SetIPAddress, LoopbackV4SkippedButStillGivesFqdn) {
   EXPECT_FALSE(fqdn.empty());  // the reverse lookup also runs for a skipped entry
   EXPECT_EQ(c.m_ErrCode, 5003);
   std::vector<Brix::Internals::TraceRecord> fails;
-  for (const auto& r : t.recs)
+  for (const auto& r : t.records())
     if (r.text.find("cannot get") != std::string::npos) fails.push_back(r);
-  t.recs = fails;
-  ExpectFailureTrace(t, "127.0.0.1", true);
+  ExpectFailureTrace(fails, "127.0.0.1", true);
 }
 
 TEST(SetIPAddress, EmptyOrUnresolvableHostOverridesStatusWithoutDump) {
@@ -112,21 +99,21 @@ TEST(SetIPAddress, EmptyOrUnresolvableHostOverridesStatusWithoutDump) {
   CIMconnection c;
   c.m_Request = "<req/>";
   c.SetCimStatus_FL(22, "earlier", "x.cpp", 1);
-  t.recs.clear();
+  t.clear();
 
   std::string address = "1.2.3.4", fqdn = "old.example";
   c.setIPAddress("", address, &fqdn);
   EXPECT_EQ(address + fqdn, "");
   EXPECT_EQ(c.m_ErrCode, 5003);
-  ExpectFailureTrace(t, "", true);
+  ExpectFailureTrace(t.records(), "", true);
 
-  t.recs.clear();
+  t.clear();
   c.m_ErrCode = 22;
   address = fqdn = "keep?";
   c.setIPAddress("no-such-host.invalid", address, &fqdn);
   EXPECT_EQ(address + fqdn, "");
   EXPECT_EQ(c.m_ErrCode, 5003);
-  ExpectFailureTrace(t, "no-such-host.invalid", false);  // the resolver's own code
+  ExpectFailureTrace(t.records(), "no-such-host.invalid", false);  // the resolver's own code
 }
 
 TEST(SetIPAddress, LocalhostFromTheHostsFile) {

@@ -2,23 +2,19 @@
 #include <gtest/gtest.h>
 #include <oxCIM.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "FakeCimServer.h"
+#include "TestSupport.h"
 
 using oxtest::CannedResponse;
 using oxtest::FakeCimServer;
+using oxtest::TraceCapture;
 
 namespace {
 
@@ -48,62 +44,15 @@ const std::string kInstanceResponse = wrapResponse(
     "<PROPERTY NAME=\"Size\" TYPE=\"uint64\"><VALUE>1099511627776</VALUE></PROPERTY>"
     "</INSTANCE></IRETURNVALUE>");
 
-// Captures every trace record of the library while alive, with all levels on.
-class TraceCapture {
- public:
-  TraceCapture() {
-    Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
-      std::lock_guard<std::mutex> lk(mu_);
-      records_.push_back(r);
-    });
-    oxCIM::oxCIM.SetTraceMask(~0UL);
-  }
-  ~TraceCapture() {
-    oxCIM::oxCIM.SetTraceMask(0);
-    Brix::Internals::SetTraceSink({});
-  }
-  std::vector<Brix::Internals::TraceRecord> records() const {
-    std::lock_guard<std::mutex> lk(mu_);
-    return records_;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lk(mu_);
-    records_.clear();
-  }
-  bool has(unsigned long level, const std::string& text) const {
-    for (const auto& r : records())
-      if (r.level == level && r.text == text) return true;
-    return false;
-  }
-  // Texts of the status lines, in order ("[host] SetCimStatus: file@line  ErrCode:n desc").
-  std::vector<std::string> statusCodes() const {
-    std::vector<std::string> out;
-    for (const auto& r : records()) {
-      if (r.function != "SetCimStatus_FL") continue;
-      const auto pos = r.text.find("ErrCode:");
-      if (pos != std::string::npos) out.push_back(r.text.substr(pos + 8));
-    }
-    return out;
-  }
-
- private:
-  mutable std::mutex mu_;
-  std::vector<Brix::Internals::TraceRecord> records_;
-};
+void configure(oxCIM::CIMconnection& c, int port, const char* protocol = "http") {
+  oxtest::PointAt(c, port, protocol);
+  c.m_Request = kRequest;
+}
 
 class Exchange : public ::testing::Test {
  protected:
   void SetUp() override { configure(conn, server.port()); }
 
-  static void configure(oxCIM::CIMconnection& c, int port, const char* protocol = "http") {
-    c.m_Host = "127.0.0.1";
-    c.m_User = "user";
-    c.m_Passwd = "secret";
-    c.m_Port = std::to_string(port);
-    c.m_Protocol = protocol;
-    c.m_NoIPCheck = true;
-    c.m_Request = kRequest;
-  }
 
   int run(const char* object = "root/cimv2", const char* method = "GetInstance") {
     std::vector<char> obj(object, object + std::strlen(object) + 1);
@@ -129,18 +78,6 @@ const oxCIM::CIMelement* findElement(const oxCIM::CIMelement& root, const char* 
   return nullptr;
 }
 
-int freePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
 // ---------------------------------------------------------------------------------------
 
 TEST_F(Exchange, RequestWireBytes) {
@@ -151,7 +88,7 @@ TEST_F(Exchange, RequestWireBytes) {
   const auto& r = reqs[0];
   EXPECT_EQ(r.requestLine, "POST /cimom HTTP/1.1");
   EXPECT_EQ(r.header("Authorization"), "Basic dXNlcjpzZWNyZXQ=");  // user:secret
-  EXPECT_FALSE(r.hasHeader("Expect"));
+  EXPECT_EQ(r.raw.find("\r\nExpect:"), std::string::npos);
   EXPECT_NE(r.raw.find("\r\nContent-type: application/xml; charset=\"utf-8\"\r\n"
                        "CIMOperation: MethodCall\r\n"
                        "CIMMethod: GetInstance\r\n"
@@ -160,7 +97,6 @@ TEST_F(Exchange, RequestWireBytes) {
       << r.raw;
   EXPECT_EQ(r.header("Content-Length"), std::to_string(std::strlen(kRequest)));
   EXPECT_EQ(r.body, kRequest);
-  EXPECT_EQ(r.raw.substr(r.raw.size() - r.body.size()), r.body);
 }
 
 TEST_F(Exchange, OnlyFirstSlashOfObjectIsEscaped) {
@@ -195,14 +131,6 @@ TEST_F(Exchange, GoodAnswerIsParsedAndTraced) {
   ASSERT_NE(value, nullptr);
   EXPECT_STREQ(value->m_Value, "disk0");
 
-  EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Enter sendRequest_recvResponse()"));
-  EXPECT_TRUE(trace.has(16, "[127.0.0.1]       Before curl_easy_perform()"));
-  EXPECT_TRUE(trace.has(16, "[127.0.0.1]       After curl_easy_perform() ret=0"));
-  bool timing = false;
-  for (const auto& r : trace.records())
-    timing |= r.level == 16 && r.text.rfind("[127.0.0.1] curl_easy_perform took ", 0) == 0 &&
-              r.text.find(" sec, err_cnt == 0") != std::string::npos;
-  EXPECT_TRUE(timing);
   EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Leave sendRequest_recvResponse() m_ErrCode=0"));
   EXPECT_TRUE(trace.statusCodes().empty());
 }
@@ -218,25 +146,25 @@ TEST_F(Exchange, SlowlyDrippedBodyIsCollectedWhole) {
 }
 
 TEST_F(Exchange, ErrorElementIsReadByPosition) {
-  server.push(CannedResponse::cimOk(
-      wrapResponse("<ERROR CODE=\"6\" DESCRIPTION=\"CIM_ERR_NOT_FOUND\"></ERROR>")));
-  EXPECT_EQ(run(), 6);
-  EXPECT_TRUE(statusTraced("6 CIM_ERR_NOT_FOUND"));
-  EXPECT_EQ(conn.m_Info, 0u);
-
-  server.push(CannedResponse::cimOk(
-      wrapResponse("<ERROR DESCRIPTION=\"CIM_ERR_NOT_FOUND\" CODE=\"6\"></ERROR>")));
-  EXPECT_EQ(run(), 1001);
-  EXPECT_TRUE(statusTraced("1001 No Description found in m_Response"));
-
-  server.push(CannedResponse::cimOk(wrapResponse("<ERROR CODE=\"0\" DESCRIPTION=\"zero\"></ERROR>")));
-  EXPECT_EQ(run(), 1001);
-  EXPECT_TRUE(statusTraced("1001 zero"));
-
-  server.push(CannedResponse::cimOk(wrapResponse("<ERROR CODE=\"7\"></ERROR>")));
-  EXPECT_EQ(run(), 7);
-  EXPECT_TRUE(statusTraced("7 No Description found in m_Response"));
-  EXPECT_EQ(conn.m_Info, 0u) << "a CIM code 7 is no connection failure";
+  const struct {
+    const char* error;
+    int rc;
+    const char* traced;
+  } cases[] = {
+      {"<ERROR CODE=\"6\" DESCRIPTION=\"CIM_ERR_NOT_FOUND\"></ERROR>", 6, "6 CIM_ERR_NOT_FOUND"},
+      {"<ERROR DESCRIPTION=\"CIM_ERR_NOT_FOUND\" CODE=\"6\"></ERROR>", 1001,
+       "1001 No Description found in m_Response"},
+      {"<ERROR CODE=\"0\" DESCRIPTION=\"zero\"></ERROR>", 1001, "1001 zero"},
+      // A CIM code 7 is no connection failure.
+      {"<ERROR CODE=\"7\"></ERROR>", 7, "7 No Description found in m_Response"},
+  };
+  for (const auto& c : cases) {
+    trace.clear();
+    server.push(CannedResponse::cimOk(wrapResponse(c.error)));
+    EXPECT_EQ(run(), c.rc) << c.error;
+    EXPECT_EQ(trace.statusCodes(), std::vector<std::string>{c.traced}) << c.error;
+    EXPECT_EQ(conn.m_Info, 0u) << c.error;
+  }
 }
 
 TEST_F(Exchange, BodyProblems) {
@@ -329,7 +257,7 @@ TEST_F(Exchange, HandleSetupFailureIsReportedWithItsOwnCode) {
 }
 
 TEST_F(Exchange, ConnectionFailuresSetNoConnect) {
-  conn.m_Port = std::to_string(freePort());
+  conn.m_Port = std::to_string(oxtest::FreePort());
   EXPECT_EQ(run(), 7);
   EXPECT_EQ(conn.m_Info, oxCIM::NO_Connect);
   EXPECT_TRUE(trace.has(4, "[127.0.0.1] m_Info = 0x400 (NO_Connect)"));
@@ -383,14 +311,16 @@ class ExchangeTls : public ::testing::Test {
   }
   static oxtest::TestPki* pki;
 
-  int run(FakeCimServer& srv, oxCIM::CIMconnection& c) {
-    c.m_Host = "127.0.0.1";
-    c.m_User = "user";
-    c.m_Passwd = "secret";
-    c.m_Port = std::to_string(srv.port());
-    c.m_Protocol = "https";
-    c.m_NoIPCheck = true;
-    c.m_Request = kRequest;
+  // One exchange trusting `ca`; the client certificate is offered when asked for.
+  int run(FakeCimServer& srv, oxCIM::CIMconnection& c, const std::string& ca, int verify,
+          bool clientCert = false) {
+    configure(c, srv.port(), "https");
+    c.m_CAFile = ca;
+    c.m_VerifyPeer = verify;
+    if (clientCert) {
+      c.m_CertFile = pki->clientCert;
+      c.m_KeyFile = pki->clientKey;
+    }
     char obj[] = "root/cimv2";
     return c.sendRequest_recvResponse("GetInstance", obj);
   }
@@ -401,43 +331,25 @@ oxtest::TestPki* ExchangeTls::pki = nullptr;
 TEST_F(ExchangeTls, VerifiedPeer) {
   FakeCimServer srv(FakeCimServer::Options{pki, false});
   srv.setDefault(CannedResponse::cimOk(kInstanceResponse));
-
-  oxCIM::CIMconnection good;
-  good.m_CAFile = pki->caFile;
-  good.m_VerifyPeer = 1;
-  EXPECT_EQ(run(srv, good), 0);
+  oxCIM::CIMconnection good, wrongCa, unverified;
+  EXPECT_EQ(run(srv, good, pki->caFile, 1), 0);
   EXPECT_NE(findElement(good.m_ResponseTree, "INSTANCE"), nullptr);
   ASSERT_EQ(srv.requestCount(), 1u);
   EXPECT_EQ(srv.requests()[0].body, kRequest);
 
-  oxCIM::CIMconnection wrongCa;
-  wrongCa.m_CAFile = pki->otherCaFile;
-  wrongCa.m_VerifyPeer = 1;
-  EXPECT_EQ(run(srv, wrongCa), 60);  // CURLE_PEER_FAILED_VERIFICATION
+  EXPECT_EQ(run(srv, wrongCa, pki->otherCaFile, 1), 60);  // CURLE_PEER_FAILED_VERIFICATION
   EXPECT_EQ(wrongCa.m_Info, 0u);
   EXPECT_EQ(srv.requestCount(), 1u);
-
-  oxCIM::CIMconnection unverified;  // wrong CA, but verification off
-  unverified.m_CAFile = pki->otherCaFile;
-  EXPECT_EQ(run(srv, unverified), 0);
+  EXPECT_EQ(run(srv, unverified, pki->otherCaFile, 0), 0);  // verification off
 }
 
 TEST_F(ExchangeTls, ClientCertificateRequiredByServer) {
   FakeCimServer srv(FakeCimServer::Options{pki, true});
   srv.setDefault(CannedResponse::cimOk(kInstanceResponse));
-
-  oxCIM::CIMconnection withCert;
-  withCert.m_CAFile = pki->caFile;
-  withCert.m_VerifyPeer = 1;
-  withCert.m_CertFile = pki->clientCert;
-  withCert.m_KeyFile = pki->clientKey;
-  EXPECT_EQ(run(srv, withCert), 0);
+  oxCIM::CIMconnection withCert, without;
+  EXPECT_EQ(run(srv, withCert, pki->caFile, 1, true), 0);
   EXPECT_EQ(srv.requestCount(), 1u);
-
-  oxCIM::CIMconnection without;
-  without.m_CAFile = pki->caFile;
-  without.m_VerifyPeer = 1;
-  const int rc = run(srv, without);
+  const int rc = run(srv, without, pki->caFile, 1);
   // TLS 1.3 lets the client write before it learns of the refusal, so the alert surfaces
   // as a handshake, send or receive failure depending on timing.
   EXPECT_TRUE(rc == 35 || rc == 55 || rc == 56) << rc;

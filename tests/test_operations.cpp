@@ -5,59 +5,26 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <limits>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "FakeCimServer.h"
+#include "TestSupport.h"
 
 using namespace oxCIM;
 using oxtest::CannedResponse;
 using oxtest::FakeCimServer;
+using oxtest::TraceCapture;
+using oxtest::PointAt;
 
 namespace {
-
-class TraceCapture {
- public:
-  explicit TraceCapture(unsigned long mask) {
-    Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
-      std::lock_guard<std::mutex> lk(mu_);
-      records_.push_back(r);
-    });
-    ::oxCIM::oxCIM.SetTraceMask(mask);
-  }
-  ~TraceCapture() {
-    ::oxCIM::oxCIM.SetTraceMask(0);
-    Brix::Internals::SetTraceSink({});
-  }
-  // Records at `level` with exactly `text`; an empty text counts every record of the level.
-  int count(unsigned long level, const std::string& text = "") {
-    std::lock_guard<std::mutex> lk(mu_);
-    int n = 0;
-    for (const auto& r : records_) n += r.level == level && (text.empty() || r.text == text);
-    return n;
-  }
-
- private:
-  std::mutex mu_;
-  std::vector<Brix::Internals::TraceRecord> records_;
-};
-
-std::string Fixture(const char* name) {
-  std::ifstream in(std::string(OXCIM_TEST_DATA) + "/" + name, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // The n-th run of a fixture from `open` through `close`.
 std::string Section(const char* fixture, const std::string& open, const std::string& close,
                     int n = 0) {
-  const std::string doc = Fixture(fixture);
+  const std::string doc = oxtest::ReadFixture(fixture);
   size_t b = doc.find(open);
   while (n-- > 0 && b != std::string::npos) b = doc.find(open, b + 1);
   const size_t e = b == std::string::npos ? b : doc.find(close, b);
@@ -108,19 +75,10 @@ std::string Render(CIMelement* list) {
   return out;
 }
 
-void Point(CIMcontainer& k, int port) {
-  k.m_Host = "127.0.0.1";
-  k.m_User = "admin";
-  k.m_Passwd = "secret";
-  k.m_Protocol = "http";
-  k.m_Port = std::to_string(port);
-  k.m_NoIPCheck = true;
-}
-
 class Operations : public ::testing::Test {
  protected:
   void SetUp() override {
-    Point(c, srv.port());
+    PointAt(c, srv.port());
     c.setCurrentClass("OXS_StorageVolume", nullptr);
   }
   std::string body(size_t i) {
@@ -128,7 +86,7 @@ class Operations : public ::testing::Test {
     auto reqs = srv.requests();
     return i < reqs.size() ? reqs[i].body : "<no request>";
   }
-  void answer(const char* fixture) { srv.push(CannedResponse::cimOk(Fixture(fixture))); }
+  void answer(const char* fixture) { srv.push(CannedResponse::cimOk(oxtest::ReadFixture(fixture))); }
   CIMelement* name(int i) {
     return c.m_pcls->m_InstanceNames ? c.m_pcls->m_InstanceNames->findelement(17, i) : nullptr;
   }
@@ -146,7 +104,7 @@ class Operations : public ::testing::Test {
 // Every offered operation once on one connection: the exact request of each and its result.
 TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
   CIMcontainer holder;  // a parsed CLASS tree, as an application would hold one
-  ASSERT_EQ(holder.m_ResponseTree.ParseCIMXML(Fixture("op_getclass.xml")), 0);
+  ASSERT_EQ(holder.m_ResponseTree.ParseCIMXML(oxtest::ReadFixture("op_getclass.xml")), 0);
   CIMelement* cls = holder.m_ResponseTree.findelement(2, 0);
   ASSERT_NE(cls, nullptr);
   const std::string classText = Section("op_getclass.xml", "<CLASS ", "</CLASS>\n");
@@ -428,9 +386,7 @@ TEST_F(Operations, ParameterChecksFailWithoutSending) {
 // The driver's retry rule.
 
 TEST_F(Operations, RefusedTwiceGivesUpWithNoConnect) {
-  FakeCimServer gone;
-  Point(c, gone.port());
-  gone.stop();
+  PointAt(c, oxtest::FreePort());  // nobody listens there
   TraceCapture traces(TRACE_STATUS);
   const auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(c.Imethod_DeleteClass(), 7u);
@@ -504,9 +460,7 @@ TEST_F(Operations, NamespacesInServerOrderWithoutTouchingTheCurrentClass) {
                          "[127.0.0.1] getNameSpace: missing 'CIM_Namespace' or 'root/interop'"),
             1);
 
-  FakeCimServer gone;
-  Point(c, gone.port());
-  gone.stop();
+  PointAt(c, oxtest::FreePort());  // nobody listens there
   EXPECT_EQ(c.getNameSpace(none), 7u);
   EXPECT_EQ(c.m_pcls, mine);
 }
