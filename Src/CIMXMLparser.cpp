@@ -183,10 +183,12 @@ class ExactParser {
   explicit ExactParser(CIMelement* root) : m_Tail(root) {}
 
   int ParseBuffer(char** cursor, CIMelement* previous, int depth);
+  CIMelement* FirstError() const { return m_FirstError; }
 
  private:
   int ParseAttribute(char** cursor, CIMelement* element);
   CIMelement* m_Tail;
+  CIMelement* m_FirstError = nullptr;
 };
 
 int ExactParser::ParseAttribute(char** cursor, CIMelement* element) {
@@ -334,6 +336,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
       return -1;
     }
     e->m_Name = known_cim_elements[id];
+    if (id == E_ERROR && m_FirstError == nullptr) m_FirstError = e;
     if (siblingParent != nullptr) e->m_Parent = siblingParent;
 
     if (attrText != nullptr) {
@@ -374,6 +377,7 @@ class StreamParser {
   int Parse(const char* cim);
   // Traces owed for unknown attribute names, in document order.
   const std::vector<std::string>& Unknown() const { return m_Unknown; }
+  CIMelement* FirstError() const { return m_FirstError; }
 
  private:
   struct Open {
@@ -398,11 +402,13 @@ class StreamParser {
     const char* end;
   };
 
+  bool FillAttributes(CIMelement* e);
+
   CIMelement* m_Tail;
+  CIMelement* m_FirstError = nullptr;
   bool m_Trace;
   std::vector<PendingAttribute> m_Attrs;
   std::vector<std::string> m_Unknown;
-  std::string m_Scratch;
   unsigned short m_OpenCount[E_UNKNOWN + 1] = {};
 };
 
@@ -421,6 +427,7 @@ bool StreamParser::StartTag(const char*& p, CIMelement* parent, int& id, bool& e
   CIMelement* e = AppendElement(m_Tail, parent);
   if (e == nullptr) return false;
   e->m_Name = known_cim_elements[id];
+  if (id == E_ERROR && m_FirstError == nullptr) m_FirstError = e;
 
   empty = false;
   if (*q != '>') {
@@ -451,21 +458,35 @@ bool StreamParser::StartTag(const char*& p, CIMelement* parent, int& id, bool& e
       m_Attrs.push_back({aid, v + 1, close});
       q = SkipBlanks(close + 1);
     }
-    if (!m_Attrs.empty()) {
-      // Sized up front: the same array a growing attr_put and FreeUnused would leave,
-      // without the grow-then-shrink reallocation per element.
-      auto* attrs = new CIMarray;
-      e->m_Attributes = attrs;
-      if (attrs->setmaxargc(m_Attrs.size()) != 0) return false;
-      for (const PendingAttribute& a : m_Attrs) {
-        m_Scratch.assign(a.begin, a.end);
-        if (e->attr_put(a.id, m_Scratch.c_str()) != 0) return false;
-      }
-      if (attrs->argc != attrs->maxargc) attrs->FreeUnused();
-      m_Attrs.clear();
-    }
+    if (!m_Attrs.empty() && !FillAttributes(e)) return false;
   }
   p = q + 1;
+  return true;
+}
+
+// Builds, in one go, the array that attr_put per attribute followed by FreeUnused would
+// leave: exactly sized, entries in order, each "id+1, text, NUL" in its own malloc block.
+// The array is new and not yet shared, so its lock is not needed; this is the parser's
+// hottest allocation path. A failed allocation bails out: the exact engine then runs
+// into it again and traces it.
+bool StreamParser::FillAttributes(CIMelement* e) {
+  auto* attrs = new CIMarray;
+  e->m_Attributes = attrs;
+  const size_t count = m_Attrs.size();
+  attrs->argv = static_cast<char**>(std::malloc(count * sizeof(char*)));
+  if (attrs->argv == nullptr) return false;
+  attrs->maxargc = count;
+  attrs->elemlen = -2;
+  for (const PendingAttribute& a : m_Attrs) {
+    const size_t len = static_cast<size_t>(a.end - a.begin);
+    char* block = static_cast<char*>(std::malloc(len + 2));
+    if (block == nullptr) return false;
+    block[0] = static_cast<char>(a.id + 1);
+    std::memcpy(block + 1, a.begin, len);
+    block[len + 1] = 0;
+    attrs->argv[attrs->argc++] = block;
+  }
+  m_Attrs.clear();
   return true;
 }
 
@@ -527,8 +548,13 @@ int StreamParser::Parse(const char* cim) {
 }
 
 // The whole read: frame search, then the streaming engine when allowed, else (or when it
-// bails out) the exact engine on a private copy.
-int Parse(CIMelement* root, const std::string& text, bool allowStream) {
+// bails out) the exact engine on a private copy. Both engines only ever append, so the
+// first ERROR element they make is the first in list order; *firstError gets it (or null),
+// sparing the caller a walk over a list that may hold millions of nodes.
+int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelement** firstError) {
+  CIMelement* unused = nullptr;
+  if (firstError == nullptr) firstError = &unused;
+  *firstError = nullptr;
   root->eclean();
   const char* src = text.c_str();
   const char* decl = FindUnquoted(src, "<?xml ", 6);
@@ -540,6 +566,7 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream) {
     StreamParser stream(root, ::oxCIM::oxCIM.IsTraced(TRACE_ERROR));
     if (stream.Parse(cim) == 0) {
       for (const std::string& name : stream.Unknown()) TraceUnknownAttribute(name.c_str());
+      *firstError = stream.FirstError();
       return 0;
     }
     root->eclean();
@@ -551,7 +578,12 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream) {
   ExactParser exact(root);
   const int r = exact.ParseBuffer(&cursor, root, 1);
   std::free(copy);
+  *firstError = exact.FirstError();  // a failed parse keeps what it built, ERROR included
   return r == E_CIM ? 0 : 1001;
+}
+
+int Parse(CIMelement* root, const std::string& text, bool allowStream) {
+  return Parse(root, text, allowStream, nullptr);
 }
 
 }  // namespace codec

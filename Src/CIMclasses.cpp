@@ -80,7 +80,12 @@ CIMarray::CIMarray(const CIMarray& other) : argv(nullptr), elemlen(0), argc(0), 
   *this = other;
 }
 
-CIMarray::~CIMarray() { setmaxargc(0); }
+// Nobody may use an array while it is destroyed, so the lock is not taken: freeing a large
+// tree destroys one array per element.
+CIMarray::~CIMarray() {
+  for (unsigned long i = 0; i < argc; ++i) std::free(argv[i]);
+  std::free(argv);
+}
 
 int CIMarray::setmaxargc(unsigned long n) {
   Brix::Threading::CSyncGuard guard(m_Lock);
@@ -201,11 +206,8 @@ void CIMelement::eclean() {
     node->m_Parent = nullptr;
     std::free(node->m_Value);
     node->m_Value = nullptr;
-    if (node->m_Attributes != nullptr) {
-      node->m_Attributes->setmaxargc(0);
-      delete node->m_Attributes;
-      node->m_Attributes = nullptr;
-    }
+    delete node->m_Attributes;
+    node->m_Attributes = nullptr;
     if (node != this) delete node;
     node = next;
   }

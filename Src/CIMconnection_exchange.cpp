@@ -11,6 +11,11 @@
 
 namespace oxCIM {
 
+namespace codec {
+// ParseCIMXML that also hands back the list's first ERROR element (CIMXMLparser.cpp).
+int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelement** firstError);
+}  // namespace codec
+
 namespace {
 
 // Shared by the body and header callbacks. Nothing may unwind through libcurl's C frames,
@@ -39,6 +44,30 @@ const char* const kFixedHeaders[] = {
     "Expect:",
     "CIMOperation: MethodCall",
     nullptr,
+};
+
+// Takes over the whole list of a root element (the root's own data and every node after
+// it) and frees it on release() or at scope exit, whichever comes first. The nodes'
+// parent pointers are not used by the freeing walk, so they need no fixing.
+class PreviousTree {
+ public:
+  explicit PreviousTree(CIMelement& root) {
+    m_Held.m_Name = root.m_Name;
+    m_Held.m_Value = root.m_Value;
+    m_Held.m_Attributes = root.m_Attributes;
+    m_Held.m_Next = root.m_Next;
+    root.m_Name = nullptr;
+    root.m_Parent = nullptr;
+    root.m_Value = nullptr;
+    root.m_Attributes = nullptr;
+    root.m_Next = nullptr;
+  }
+  PreviousTree(const PreviousTree&) = delete;
+  PreviousTree& operator=(const PreviousTree&) = delete;
+  void release() { m_Held.eclean(); }
+
+ private:
+  CIMelement m_Held;  // its destructor frees whatever release() did not
 };
 
 bool isNoConnectResult(long result) {
@@ -81,7 +110,12 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
   m_ErrCode = 0;
   m_Header.clear();
   m_Response.clear();
-  m_ResponseTree.eclean();
+  // The previous tree leaves m_ResponseTree now but is freed only right before the new
+  // body is parsed: freed earlier, its hundreds of thousands of small blocks sit in
+  // malloc's fast bins while the transfer's large allocations force glibc to coalesce
+  // them all, and the parse then carves them up again. Freed just before the parse, the
+  // parse takes them straight back. Nothing can observe the tree in between.
+  PreviousTree previous(m_ResponseTree);
 
   if (m_User.empty() || m_Passwd.empty() || m_Port.empty()) {
     m_Info = (m_Info | NO_Auth) & ~NO_Connect;
@@ -194,15 +228,20 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
     }
   }
 
+  previous.release();
+  // The first ERROR element in list order: the parser notes it while building, which
+  // spares a walk over a list that may hold millions of nodes. Without a parse the tree
+  // is empty.
+  CIMelement* error = nullptr;
   if (!m_Response.empty() || result == CURLE_GOT_NOTHING) {
-    if (m_ResponseTree.ParseCIMXML(m_Response) != 0) SetCimStatus(5002, "Can't parse the m_Response");
+    if (codec::Parse(&m_ResponseTree, m_Response, true, &error) != 0)
+      SetCimStatus(5002, "Can't parse the m_Response");
   } else {
     SetCimStatus(5001, "No data received from server");
   }
 
   // The ERROR element is read by attribute position: CODE first, DESCRIPTION second.
-  for (CIMelement* e = &m_ResponseTree; e != nullptr; e = e->m_Next) {
-    if (!IsKind(e, E_ERROR)) continue;
+  if (CIMelement* e = error) {
     char* text = nullptr;
     int code = 1001;
     if (e->attr_get(0, &text) == A_CODE) {
@@ -214,7 +253,6 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
                                   ? desc
                                   : "No Description found in m_Response";
     SetCimStatus(code, description);
-    break;
   }
 
   const size_t statusPos = m_Header.find("HTTP/1.");
