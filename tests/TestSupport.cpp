@@ -8,9 +8,9 @@
 namespace oxtest {
 
 TraceCapture::TraceCapture(unsigned long mask) : oldMask_(oxCIM::oxCIM.GetTraceMask()) {
-  Brix::Internals::SetTraceSink([this](const Brix::Internals::TraceRecord& r) {
-    std::lock_guard<std::mutex> lock(mu_);
-    records_.push_back(r);
+  Brix::Internals::SetTraceSink([store = store_](const Brix::Internals::TraceRecord& r) {
+    std::lock_guard<std::mutex> lock(store->mu);
+    store->records.push_back(r);
   });
   oxCIM::oxCIM.SetTraceMask(mask);
 }
@@ -21,13 +21,13 @@ TraceCapture::~TraceCapture() {
 }
 
 std::vector<Brix::Internals::TraceRecord> TraceCapture::records() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return records_;
+  std::lock_guard<std::mutex> lock(store_->mu);
+  return store_->records;
 }
 
 void TraceCapture::clear() {
-  std::lock_guard<std::mutex> lock(mu_);
-  records_.clear();
+  std::lock_guard<std::mutex> lock(store_->mu);
+  store_->records.clear();
 }
 
 std::vector<std::string> TraceCapture::texts(const std::string& function) const {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -36,8 +37,13 @@ class TraceCapture {
   std::vector<std::string> statusCodes() const;
 
  private:
-  mutable std::mutex mu_;
-  std::vector<Brix::Internals::TraceRecord> records_;
+  // Shared with the sink: a record from another thread may still arrive after the
+  // capture has been replaced, and must land in storage that is still alive.
+  struct Store {
+    std::mutex mu;
+    std::vector<Brix::Internals::TraceRecord> records;
+  };
+  std::shared_ptr<Store> store_ = std::make_shared<Store>();
   unsigned long oldMask_;
 };
 

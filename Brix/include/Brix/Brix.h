@@ -100,6 +100,8 @@ struct TraceRecord {
 };
 
 // Replaces the process-wide sink; an empty function restores the default sink.
+// A record being written by another thread may still reach the old sink after this
+// returns, so a sink owns (or shares) whatever it writes to.
 BRIX_API void SetTraceSink(std::function<void(const TraceRecord&)> sink);
 
 // Delivers a finished record to the current sink.
