@@ -98,6 +98,15 @@ int32_t loadSocket(const CIMindication* o) {
 
 void sleepSeconds(int s) { boost::this_thread::sleep(boost::posix_time::seconds(s)); }
 
+// After a failed socket call: EINTR is retried at once, EAGAIN after a second's pause
+// (true: try again); any other error is the caller's failure. errno is cleared either way.
+bool retryAfterSocketError() {
+  const int err = errno;
+  errno = 0;
+  if (err == EAGAIN) sleepSeconds(1);
+  return err == EINTR || err == EAGAIN;
+}
+
 // select() on up to two descriptors, with EINTR and EAGAIN handled as the
 // listener expects. Descriptors beyond FD_SETSIZE fall back to poll().
 int waitReadable(int fd, int wakeFd, int seconds, bool* woken) {
@@ -121,16 +130,7 @@ int waitReadable(int fd, int wakeFd, int seconds, bool* woken) {
       if (r > 0 && woken && wakeFd != -1 && (p[1].revents & POLLIN)) *woken = true;
     }
     if (r != -1) return r;
-    if (errno == EINTR) {
-      errno = 0;
-      continue;
-    }
-    if (errno == EAGAIN) {
-      sleepSeconds(1);
-      errno = 0;
-      continue;
-    }
-    errno = 0;
+    if (retryAfterSocketError()) continue;
     OX_TRACE_FN(TRACE_ERROR, "mySelect", "mySelect: ERROR in 'select'");
     return -1;
   }
@@ -436,16 +436,7 @@ void* CIMindication::readerThread(void* args) {
       }
       ssize_t n = recv(sock, buffer, kBufferSize - 1, 0);
       if (n == -1) {
-        if (errno == EINTR) {
-          errno = 0;
-          continue;
-        }
-        if (errno == EAGAIN) {
-          sleepSeconds(1);
-          errno = 0;
-          continue;
-        }
-        errno = 0;
+        if (retryAfterSocketError()) continue;
         OX_TRACE(TRACE_ERROR, "readerThread: ERROR in 'recv'");
         failed = true;
         break;
@@ -491,15 +482,7 @@ void* CIMindication::readerThread(void* args) {
     uint16_t off = 0;
     while (off < static_cast<uint16_t>(total)) {
       ssize_t s = send(sock, buffer + off, static_cast<size_t>(total - off), MSG_NOSIGNAL);
-      if (s == -1 && errno == EINTR) {
-        errno = 0;
-        continue;
-      }
-      if (s == -1 && errno == EAGAIN) {
-        sleepSeconds(1);
-        errno = 0;
-        continue;
-      }
+      if (s == -1 && retryAfterSocketError()) continue;
       if (s <= 0) {
         errno = 0;
         OX_TRACE(TRACE_ERROR, "readerThread: ERROR in 'send'");
