@@ -764,25 +764,21 @@ unsigned long CIMcontainer::Imethod_ExecQuery(const char* queryLanguage, const c
   return performIntrinsicMethod();
 }
 
-unsigned long CIMcontainer::Imethod_Associators() {
-  OX_TRACE(TRACE_ERROR, "Imethod_Associators: Not implemented yet!");
+namespace {
+// Members for operations the library does not offer: they only say so, at error level.
+unsigned long NotOffered(const char* function) {
+  OX_TRACE_FN(TRACE_ERROR, function, "%s: Not implemented yet!", function);
   return 1001;
 }
+}  // namespace
 
-unsigned long CIMcontainer::Imethod_AssociatorNames() {
-  OX_TRACE(TRACE_ERROR, "Imethod_AssociatorNames: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_Associators() { return NotOffered(__func__); }
 
-unsigned long CIMcontainer::Imethod_References() {
-  OX_TRACE(TRACE_ERROR, "Imethod_References: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_AssociatorNames() { return NotOffered(__func__); }
 
-unsigned long CIMcontainer::Imethod_ReferenceNames() {
-  OX_TRACE(TRACE_ERROR, "Imethod_ReferenceNames: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_References() { return NotOffered(__func__); }
+
+unsigned long CIMcontainer::Imethod_ReferenceNames() { return NotOffered(__func__); }
 
 unsigned long CIMcontainer::Imethod_GetProperty(CIMelement* instanceName,
                                                 const char* propertyName) {
@@ -822,25 +818,13 @@ unsigned long CIMcontainer::Imethod_SetProperty(CIMelement* instanceName,
   return performIntrinsicMethod();
 }
 
-unsigned long CIMcontainer::Imethod_GetQualifier() {
-  OX_TRACE(TRACE_ERROR, "Imethod_GetQualifier: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_GetQualifier() { return NotOffered(__func__); }
 
-unsigned long CIMcontainer::Imethod_SetQualifier() {
-  OX_TRACE(TRACE_ERROR, "Imethod_SetQualifier: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_SetQualifier() { return NotOffered(__func__); }
 
-unsigned long CIMcontainer::Imethod_DeleteQualifier() {
-  OX_TRACE(TRACE_ERROR, "Imethod_DeleteQualifier: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_DeleteQualifier() { return NotOffered(__func__); }
 
-unsigned long CIMcontainer::Imethod_EnumerateQualifiers() {
-  OX_TRACE(TRACE_ERROR, "Imethod_EnumerateQualifiers: Not implemented yet!");
-  return 1001;
-}
+unsigned long CIMcontainer::Imethod_EnumerateQualifiers() { return NotOffered(__func__); }
 
 // ---------------------------------------------------------------------------------------
 // Namespace discovery
