@@ -212,6 +212,14 @@ void CIMcontainer::beginIntrinsicMethod(int method) {
   addLocalNameSpacePath();
 }
 
+namespace {
+// values[index] read as T and formatted as Printed.
+template <typename T, typename Printed = T>
+std::string FormatAt(const void* values, size_t index, const char* format) {
+  return (boost::format(format) % static_cast<Printed>(static_cast<const T*>(values)[index])).str();
+}
+}  // namespace
+
 size_t ValueToString(const void* values, size_t index, int type, std::string& out) {
   out.clear();
   if (!values) return 0;
@@ -225,38 +233,34 @@ size_t ValueToString(const void* values, size_t index, int type, std::string& ou
       out = static_cast<const char*>(values);
       break;
     case T_UINT8:
-      out = (boost::format("%u") %
-             static_cast<uint32_t>(static_cast<const uint8_t*>(values)[index]))
-                .str();
+      out = FormatAt<uint8_t, uint32_t>(values, index, "%u");
       break;
-    case T_SINT8:
-      out = (boost::format("%d") % static_cast<uint32_t>(static_cast<int32_t>(
-                                       static_cast<const int8_t*>(values)[index])))
-                .str();
+    case T_SINT8:  // handed over as its 32-bit unsigned complement: -1 prints 4294967295
+      out = FormatAt<int8_t, uint32_t>(values, index, "%d");
       break;
     case T_UINT16:
-      out = (boost::format("%u") % static_cast<const uint16_t*>(values)[index]).str();
+      out = FormatAt<uint16_t>(values, index, "%u");
       break;
     case T_SINT16:
-      out = (boost::format("%d") % static_cast<const int16_t*>(values)[index]).str();
+      out = FormatAt<int16_t>(values, index, "%d");
       break;
     case T_UINT32:
-      out = (boost::format("%u") % static_cast<const uint32_t*>(values)[index]).str();
+      out = FormatAt<uint32_t>(values, index, "%u");
       break;
     case T_SINT32:
-      out = (boost::format("%d") % static_cast<const int32_t*>(values)[index]).str();
+      out = FormatAt<int32_t>(values, index, "%d");
       break;
     case T_UINT64:
-      out = (boost::format("%u") % static_cast<const uint64_t*>(values)[index]).str();
+      out = FormatAt<uint64_t>(values, index, "%u");
       break;
     case T_SINT64:
-      out = (boost::format("%d") % static_cast<const int64_t*>(values)[index]).str();
+      out = FormatAt<int64_t>(values, index, "%d");
       break;
     case T_REAL32:
-      out = (boost::format("%g") % static_cast<const float*>(values)[index]).str();
+      out = FormatAt<float>(values, index, "%g");
       break;
     case T_REAL64:
-      out = (boost::format("%g") % static_cast<const double*>(values)[index]).str();
+      out = FormatAt<double>(values, index, "%g");
       break;
     default:
       OX_TRACE(TRACE_ERROR, "ValueToString: Unknown type of value specified");
