@@ -259,7 +259,14 @@ bool ParseFault(const std::string& text, Fault& f, std::string& error) {
   }
   const std::size_t colon = spec.find(':');
   const std::string kind = spec.substr(0, colon);
-  const int arg = colon == std::string::npos ? -1 : std::atoi(spec.c_str() + colon + 1);
+  int arg = -1;
+  bool argOk = true;
+  if (colon != std::string::npos) {
+    const std::string digits = spec.substr(colon + 1);
+    argOk = !digits.empty() && digits.size() < 9 &&
+            digits.find_first_not_of("0123456789") == std::string::npos;
+    arg = argOk ? std::atoi(digits.c_str()) : -1;
+  }
   static const std::pair<const char*, Fault::Kind> kKinds[] = {
       {"delay", Fault::Kind::Delay},     {"drip", Fault::Kind::Drip},
       {"close", Fault::Kind::Close},     {"http500", Fault::Kind::Http500},
@@ -268,7 +275,7 @@ bool ParseFault(const std::string& text, Fault& f, std::string& error) {
   bool known = false;
   for (const auto& k : kKinds)
     if (kind == k.first) f.kind = k.second, known = true;
-  if (!known || f.everyNth < 1 || (colon != std::string::npos && arg < 0)) {
+  if (!known || f.everyNth < 1 || !argOk) {
     error = "bad fault '" + text +
             "' (KIND[:ARG][@OPERATION][/N]; delay:MS drip:MS close http500 http401 garbage "
             "cim-error:CODE)";
