@@ -1,5 +1,6 @@
 // The simulator's CIM server end to end: real sockets, libcurl and the library's public API.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -526,6 +527,54 @@ TEST(SimSnapshot, RoundTripServesWhatWasRecorded) {
   EXPECT_FALSE(oxsim::LoadRepository(dir + "/nowhere", repo, error));
   std::filesystem::remove_all(dir);
 }
+
+// ---------------------------------------------------------------------------------------
+// The standalone program
+
+#ifdef OXCIM_SIM_PROGRAM
+TEST(SimProgram, ServesARepositoryWithFaultsAndRejectsBadOptions) {
+  oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn();
+  repo.find("root/cimv2", "CIM_StorageVolume")->instances[0]["ElementName"] = {"from-disk"};
+  const std::string dir = ::testing::TempDir() + "oxsim-program-" + std::to_string(getpid());
+  std::string error;
+  ASSERT_TRUE(oxsim::SaveRepository(dir, repo, error)) << error;
+  const std::string program = OXCIM_SIM_PROGRAM;
+  FILE* sim = popen((program + " --port 0 --user u --password p --seconds 3 --repository " + dir +
+                     " --fault cim-error:7@GetClass")
+                        .c_str(),
+                    "r");
+  ASSERT_NE(sim, nullptr);
+  char line[256] = {};
+  ASSERT_NE(fgets(line, sizeof line, sim), nullptr);
+  int port = 0;
+  ASSERT_EQ(std::sscanf(line, "listening on 127.0.0.1 port %d (http)", &port), 1) << line;
+  CIMcontainer c;
+  c.m_Host = "127.0.0.1";
+  c.m_User = "u";
+  c.m_Passwd = "p";
+  c.m_Protocol = "http";
+  c.m_Port = std::to_string(port);
+  c.m_NoIPCheck = true;
+  Tree name(VolumeName("vol01"));
+  c.setCurrentClass("CIM_StorageVolume", "");
+  EXPECT_NE(c.Imethod_GetInstance(name.element("INSTANCENAME"), -1, nullptr), 0u);
+  EXPECT_NE(c.m_Response.find("<VALUE>from-disk</VALUE>"), std::string::npos) << c.m_Response;
+  EXPECT_EQ(c.Imethod_GetClass(-1, -1, -1, nullptr), 7u);
+  EXPECT_EQ(pclose(sim), 0);  // stops by itself
+  std::filesystem::remove_all(dir);
+
+  const struct {
+    const char* args;
+    int status;
+  } bad[] = {{"--port x", 2},        {"--fault explode", 2}, {"--https only-one", 2},
+             {"--frobnicate", 2},    {"--repository /nonexistent-oxsim", 1},
+             {"--https /nonexistent.pem /nonexistent.key --port 0", 1}};
+  for (const auto& t : bad) {
+    const int rc = std::system((program + " " + t.args + " >/dev/null 2>&1").c_str());
+    EXPECT_TRUE(WIFEXITED(rc) && WEXITSTATUS(rc) == t.status) << t.args;
+  }
+}
+#endif
 
 // ---------------------------------------------------------------------------------------
 // Load: concurrent clients on the worker pool, every answer checked.

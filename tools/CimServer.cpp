@@ -386,7 +386,7 @@ std::shared_ptr<const CannedResponse> CimServer::handle(const RecordedRequest& r
   oxCIM::CIMelement tree;
   if (tree.ParseCIMXML(req.body) != 0 || Find(&tree, "MESSAGE") == nullptr)
     return plain(400, "Bad Request", {{"CIMError", "request-not-well-formed"}});
-  CannedResponse r = CannedResponse::cimOk(process(req.body));
+  CannedResponse r = CannedResponse::cimOk(answer(tree));
   if (fire && fired.kind == Fault::Kind::Delay) r.delayMs = fired.delayMs;
   if (fire && fired.kind == Fault::Kind::Drip) {
     r.dripChunk = 64;
@@ -399,6 +399,10 @@ std::string CimServer::process(const std::string& body) {
   oxCIM::CIMelement tree;
   if (tree.ParseCIMXML(body) != 0)
     return Envelope("0", ErrorXml(kInvalidParameter, "CIM_ERR_INVALID_PARAMETER: not CIM-XML"));
+  return answer(tree);
+}
+
+std::string CimServer::answer(CIMelement& tree) {
   const std::string id = Attr(Find(&tree, "MESSAGE"), "ID");
   if (CIMelement* call = Find(&tree, "IMETHODCALL")) return intrinsic(call, id);
   if (CIMelement* call = Find(&tree, "METHODCALL")) return extrinsic(call, id);

@@ -113,6 +113,7 @@ class CimServer {
   };
 
   std::shared_ptr<const CannedResponse> handle(const RecordedRequest& request);
+  std::string answer(oxCIM::CIMelement& request);
   std::string intrinsic(oxCIM::CIMelement* call, const std::string& id);
   std::string extrinsic(oxCIM::CIMelement* call, const std::string& id);
   // Indications of the model's own changes; called with modelMu_ held.
