@@ -477,6 +477,27 @@ TEST(SimServer, BoundsAndPromptStop) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
   close(silent);
   close(half);
+
+  // Connections beyond the limit are closed at once, not queued.
+  oxsim::CimServerOptions small;
+  small.http.threads = 1;
+  small.http.maxConnections = 2;
+  oxsim::CimServer limited(small);
+  std::string error;
+  ASSERT_TRUE(limited.start(error)) << error;
+  const int first = oxtest::Connect(limited.port()), second = oxtest::Connect(limited.port());
+  ASSERT_TRUE(first >= 0 && second >= 0);
+  const int third = oxtest::Connect(limited.port(), 5);
+  ASSERT_GE(third, 0);
+  EXPECT_EQ(oxtest::ReadAll(third), "");  // closed without a word, long before the time-out
+  close(third);
+  close(first);
+  close(second);
+  // Once they are gone, requests are served again.
+  EXPECT_TRUE(oxtest::Eventually([&] {
+    return oxtest::RawExchange(limited.port(), "GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
+               .rfind("HTTP/1.1 405", 0) == 0;
+  }));
 }
 
 // ---------------------------------------------------------------------------------------

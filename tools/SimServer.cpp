@@ -401,11 +401,16 @@ void HttpServer::acceptLoop() {
     if (fd < 0) continue;
     std::lock_guard<std::mutex> lk(mu_);
     ++accepted_;
-    if (stopping_ || pending_.size() + open_.size() >= opt_.maxConnections) {
-      close(fd);  // over the limit: refused at once rather than queued without bound
+    try {
+      if (stopping_ || pending_.size() + open_.size() >= opt_.maxConnections) {
+        close(fd);  // over the limit: refused at once rather than queued without bound
+        continue;
+      }
+      pending_.push_back(fd);
+    } catch (...) {
+      close(fd);
       continue;
     }
-    pending_.push_back(fd);
     cv_.notify_all();
   }
 }
