@@ -69,8 +69,7 @@ struct ListenerState {
   std::mutex mu;
   std::condition_variable cv;
   std::atomic<bool> stopping{false};
-  bool released = false;  // the listener thread has let go of the object
-  bool finished = false;  // ... and every reader has returned
+  bool finished = false;  // the listener thread and every reader have returned
   int readers = 0;        // readers started by this listener and not yet returned
   int touching = 0;       // of those, the ones that may still read the object
   // Connections of the readers in flight. A reader takes its socket out before it
@@ -610,8 +609,8 @@ void CIMindication::stop_Listener() {
       (void)w;
     }
   }
-  // Only a callback that does not return can hold this up. Past the rounds the
-  // object is still free to go once `released` is set: no thread reads it then.
+  // Only a callback that does not return can hold this up, and even then no
+  // thread of this listener reads the object once the callback has been cleared.
   bool done;
   {
     std::unique_lock<std::mutex> lock(st->mu);
@@ -671,9 +670,8 @@ void* CIMindication::listenerThread(void* owner) {
     }
     st->shutDownReaders();
     st->cv.wait(lock, [&] { return st->touching == 0; });
+    // The last touch of the object by any thread of this listener.
     __atomic_store_n(&self->pCallBack, nullptr, __ATOMIC_SEQ_CST);
-    // Last touch of the object.
-    st->released = true;
   }
   {
     // Readers still in the callback: stop_Listener returns after them.
