@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -67,8 +68,14 @@ Outcome Serve(const uint8_t* data, size_t size, size_t piece) {
   oxCIM::CIMindication::readerThread(args);
 
   char chunk[4096];
-  for (;;) {
+  for (bool reset = false;;) {
     ssize_t n = recv(sv[0], chunk, sizeof(chunk), MSG_DONTWAIT);
+    // A packet socket closed with data still unread reports that first, once,
+    // before the packets queued for us.
+    if (n < 0 && errno == ECONNRESET && !reset) {
+      reset = true;
+      continue;
+    }
     if (n <= 0) break;
     out.reply.append(chunk, static_cast<size_t>(n));
   }
