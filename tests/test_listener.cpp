@@ -248,9 +248,15 @@ TEST_F(Listener, RequestsCutAnywhereAreDeliveredOnce) {
   std::string big = Indication("<MESSAGE ID=\"78\">", std::string(50000, 'x') + "<end>");
   EXPECT_EQ(oxtest::RawExchange(port, Request(big)), ExpectedReply("78"));
   ASSERT_TRUE(WaitForBodies(++n));
+  // A header longer than the read buffer counts as far as the buffer goes.
+  std::string longHead = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
+                         "\r\nX-Pad: " + std::string(9000, 'p') + "\r\n\r\n" + body;
+  EXPECT_EQ(oxtest::RawExchange(port, longHead), ExpectedReply("77"));
+  ASSERT_TRUE(WaitForBodies(++n));
 
-  std::vector<std::string> want(n - 1, body);
+  std::vector<std::string> want(n - 2, body);
   want.push_back(big);
+  want.push_back(body);
   std::lock_guard<std::mutex> lock(g_mu);
   EXPECT_EQ(g_bodies, want);  // each exactly once, whole
 }
