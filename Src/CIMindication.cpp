@@ -366,36 +366,53 @@ unsigned long MethodCall(CIMcontainer& c, const char* func, const char* method,
   return SendMethodCall(c, func, method, ObjectHeader(ns, cls, instanceName), extraTimeOut);
 }
 
-// Moves the subtree of e (predecessor prev) to the end of list, made with a "CIM" head
-// when empty.
-void MoveTo(CIMelement* prev, CIMelement* e, CIMelement*& list) {
+// Where the devices of one answer go: a class's two lists with their last nodes.
+struct DeviceLists {
+  CIMclass& cls;
+  CIMelement* instancesTail = nullptr;
+  CIMelement* namesTail = nullptr;
+};
+
+// Moves the subtree of e (predecessor prev) behind tail, the list head made with a "CIM"
+// name when the list is empty.
+void MoveTo(CIMelement* prev, CIMelement* e, CIMelement*& list, CIMelement*& tail) {
   if (!list) {
     list = new CIMelement();
     list->m_Name = known_cim_elements[E_CIM];
+    tail = list;
   }
-  CIMelement* tail = list;
-  while (tail->m_Next) tail = tail->m_Next;
   Unlink(prev, e);
   tail->m_Next = e;
   e->m_Parent = list;
+  tail = LastOf(e);
 }
+
+// Embedded objects inside embedded objects are read this deep, no deeper.
+constexpr int kEmbeddingDepth = 4;
 
 // Moves every INSTANCE and INSTANCENAME after prev (not nested in one already moved) onto
 // the class; returns how many.
-int MoveDevices(CIMclass& cls, CIMelement* prev) {
+int MoveDevices(DeviceLists& to, CIMelement* prev, int depth) {
   int moved = 0;
   for (CIMelement* e = prev->m_Next; e; e = prev->m_Next) {
-    if (IsKind(e, E_INSTANCE) || IsKind(e, E_INSTANCENAME)) {
-      MoveTo(prev, e, IsKind(e, E_INSTANCE) ? cls.m_Properties : cls.m_InstanceNames);
+    if (IsKind(e, E_INSTANCE)) {
+      MoveTo(prev, e, to.cls.m_Properties, to.instancesTail);
       ++moved;
       continue;
     }
-    if (IsKind(e, E_VALUE) && e->m_Value && std::strstr(e->m_Value, "&lt;INSTANCE")) {
+    if (IsKind(e, E_INSTANCENAME)) {
+      MoveTo(prev, e, to.cls.m_InstanceNames, to.namesTail);
+      ++moved;
+      continue;
+    }
+    if (depth < kEmbeddingDepth && IsKind(e, E_VALUE) && e->m_Value &&
+        std::strstr(e->m_Value, "&lt;INSTANCE")) {
       // An embedded object arrives as escaped text: read it as a document of its own.
       CIMelement doc;
-      const std::string text = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">\n" +
-                               EmbeddedText(e->m_Value) + "\n</CIM>\n";
-      if (doc.ParseCIMXML(text) == 0) moved += MoveDevices(cls, &doc);
+      const std::string text =
+          "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" "
+          "DTDVERSION=\"2.0\">\n" + EmbeddedText(e->m_Value) + "\n</CIM>\n";
+      if (doc.ParseCIMXML(text) == 0) moved += MoveDevices(to, &doc, depth + 1);
     }
     prev = e;
   }
@@ -596,7 +613,8 @@ unsigned long CIMcontainer::get_sdt_from_core(CIMelement* storageSystem, _paramv
     CIMclass::kill_element(&m_pcls->m_InstanceNames);
     CIMclass::kill_element(&m_pcls->m_Properties);
     CIMelement* response = m_ResponseTree.findelement(E_METHODRESPONSE, 0);
-    if (response && MoveDevices(*m_pcls, response) > 0) return 0;
+    DeviceLists lists{*m_pcls};
+    if (response && MoveDevices(lists, response, 0) > 0) return 0;
     OX_TRACE(TRACE_ERROR, "[%s] get_sdt_from_core: no device in the answer", m_Host);
     m_ErrCode = 5005;
     return 5005;
