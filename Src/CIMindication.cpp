@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <set>
+#include <unordered_map>
 #include <string>
 #include <thread>
 #include <utility>
@@ -107,7 +109,7 @@ CIMelement* FindInside(CIMelement* root, int kind) {
 CIMelement* CopySubtree(CIMelement* src) {
   if (!src) return nullptr;
   CIMelement* end = After(src);
-  std::vector<std::pair<CIMelement*, CIMelement*>> map;
+  std::unordered_map<const CIMelement*, CIMelement*> map;
   CIMelement* root = nullptr;
   CIMelement* prev = nullptr;
   for (CIMelement* s = src; s && s != end; s = s->m_Next) {
@@ -120,11 +122,11 @@ CIMelement* CopySubtree(CIMelement* src) {
       if (id == A_UNKNOWN) break;
       d->attr_put(id, v);
     }
-    for (auto& m : map)
-      if (m.first == s->m_Parent) d->m_Parent = m.second;
+    auto parent = map.find(s->m_Parent);
+    if (parent != map.end()) d->m_Parent = parent->second;
     if (prev) prev->m_Next = d; else root = d;
     prev = d;
-    map.emplace_back(s, d);
+    map.emplace(s, d);
   }
   return root;
 }
@@ -845,7 +847,8 @@ unsigned long CIMcontainer::unsubscribe() {
 
 unsigned long CIMcontainer::unsubscribe_all() {
   std::vector<CIMelement*> subscriptions, destinations, filters;
-  std::vector<std::string> ours;  // Name keys of our destinations
+  std::set<std::string> ours;  // Name keys of our destinations
+  std::set<std::string> kept;  // Name keys of filters other subscriptions use
   unsigned long first = 0;
   try {
     OX_TRACE(TRACE_ENTRY, "[%s] %s", m_Host, "unsubscribe_all()");
@@ -865,7 +868,7 @@ unsigned long CIMcontainer::unsubscribe_all() {
         if (!n || !inst) break;
         if (!PointsAt(inst->getValueOfProperty(PROP_DESTINATION), m_LocalIP)) continue;
         destinations.push_back(CopySubtree(n));
-        ours.push_back(Lower(KeyOf(n, PROP_NAME)));
+        ours.insert(Lower(KeyOf(n, PROP_NAME)));
       }
     }
     if (!destinations.empty()) {
@@ -875,11 +878,13 @@ unsigned long CIMcontainer::unsubscribe_all() {
           CIMelement* n = b.cls.m_InstanceNames->findelement(E_INSTANCENAME, i);
           if (!n) break;
           const std::string handler = Lower(KeyOf(RefKey(n, PROP_HANDLER), PROP_NAME));
-          bool match = false;
-          for (const auto& o : ours) match = match || o == handler;
-          if (!match) continue;
+          CIMelement* f = RefKey(n, PROP_FILTER);
+          if (ours.count(handler) == 0) {
+            kept.insert(Lower(KeyOf(f, PROP_NAME)));  // in use by someone else
+            continue;
+          }
           subscriptions.push_back(CopySubtree(n));
-          if (CIMelement* f = RefKey(n, PROP_FILTER)) filters.push_back(CopySubtree(f));
+          if (f) filters.push_back(CopySubtree(f));
         }
       } else if (ChkCimStatus() != 0 && first == 0) {
         first = static_cast<unsigned long>(ChkCimStatus());
@@ -889,6 +894,10 @@ unsigned long CIMcontainer::unsubscribe_all() {
              subscriptions.size(), destinations.size());
     for (auto* list : {&subscriptions, &destinations, &filters}) {
       for (CIMelement*& tree : *list) {
+        if (list == &filters && kept.count(Lower(KeyOf(tree, PROP_NAME))) != 0) {
+          FreeTree(tree);
+          continue;
+        }
         const unsigned long r = DeleteOne(*this, tree);
         if (first == 0) first = r;
         FreeTree(tree);

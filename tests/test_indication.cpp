@@ -469,28 +469,40 @@ TEST_F(Subscriptions, UnsubscribeAllRemovesWhatPointsAtThisHost) {
             ":5990/cimlistener</VALUE>\n</PROPERTY>\n</INSTANCE>\n</VALUE.NAMEDINSTANCE>\n";
   }
   body += "</IRETURNVALUE>\n</IMETHODRESPONSE>\n</SIMPLERSP>\n</MESSAGE>\n</CIM>\n";
-  srv.push(CannedResponse::cimOk(body));
-  srv.push(CannedResponse::cimOk(Replace(oxtest::ReadFixture("op_error.xml"), "CODE=\"6\"", "CODE=\"5\"")));
   const std::string sub = Replace(Section(oxtest::ReadFixture("ind_created_subscription.xml"),
                                           "<INSTANCENAME CLASSNAME=\"CIM_IndicationSubscription\">",
                                           "</INSTANCENAME>\n</IRETURNVALUE>"),
                                   "PORT", "5990");
-  const std::string one = sub.substr(0, sub.size() - std::string("</IRETURNVALUE>").size());
-  srv.push(CannedResponse::cimOk(Replace(dests, "EnumerateInstances", "EnumerateInstanceNames") +
-                                 Replace(one, "127.0.0.1", "10.1.1.9") + one +
-                                 "</IRETURNVALUE>\n</IMETHODRESPONSE>\n</SIMPLERSP>\n</MESSAGE>\n</CIM>\n"));
-  for (int i = 0; i < 3; ++i) answer("op_void.xml");
-  EXPECT_EQ(c.unsubscribe_all(), 0u);
-  auto reqs = requests(6);
-  EXPECT_EQ(wire(),
-            "EnumerateInstances CIM_ListenerDestinationCIMXML\n"
-            "EnumerateInstances CIM_IndicationHandlerCIMXML\n"
-            "EnumerateInstanceNames CIM_IndicationSubscription\n"
-            "DeleteInstance CIM_IndicationSubscription\n"
-            "DeleteInstance CIM_ListenerDestinationCIMXML\nDeleteInstance CIM_IndicationFilter\n");
-  for (size_t i = 3; i < reqs.size(); ++i) {
-    EXPECT_NE(reqs[i].body.find("oxCIM:127.0.0.1:5990"), std::string::npos) << i;
-    EXPECT_EQ(reqs[i].body.find("10.1.1.9"), std::string::npos) << i;
+  const std::string ours = sub.substr(0, sub.size() - std::string("</IRETURNVALUE>").size());
+  const size_t handler = ours.find("NAME=\"Handler\"");
+  // The other host's subscription uses a filter of its own, then one shared with ours:
+  // a shared filter stays.
+  for (bool shared : {false, true}) {
+    SCOPED_TRACE(shared);
+    const std::string other =
+        shared ? ours.substr(0, handler) + Replace(ours.substr(handler), "127.0.0.1", "10.1.1.9")
+               : Replace(ours, "127.0.0.1", "10.1.1.9");
+    srv.clearRequests();
+    srv.push(CannedResponse::cimOk(body));
+    srv.push(CannedResponse::cimOk(
+        Replace(oxtest::ReadFixture("op_error.xml"), "CODE=\"6\"", "CODE=\"5\"")));
+    srv.push(CannedResponse::cimOk(Replace(dests, "EnumerateInstances", "EnumerateInstanceNames") +
+                                   other + ours +
+                                   "</IRETURNVALUE>\n</IMETHODRESPONSE>\n</SIMPLERSP>\n</MESSAGE>\n</CIM>\n"));
+    for (int i = 0; i < 3; ++i) answer("op_void.xml");
+    EXPECT_EQ(c.unsubscribe_all(), 0u);
+    auto reqs = requests(shared ? 5 : 6);
+    EXPECT_EQ(wire(),
+              "EnumerateInstances CIM_ListenerDestinationCIMXML\n"
+              "EnumerateInstances CIM_IndicationHandlerCIMXML\n"
+              "EnumerateInstanceNames CIM_IndicationSubscription\n"
+              "DeleteInstance CIM_IndicationSubscription\n"
+              "DeleteInstance CIM_ListenerDestinationCIMXML\n" +
+                  std::string(shared ? "" : "DeleteInstance CIM_IndicationFilter\n"));
+    for (size_t i = 3; i < reqs.size(); ++i) {
+      EXPECT_NE(reqs[i].body.find("oxCIM:127.0.0.1:5990"), std::string::npos) << i;
+      EXPECT_EQ(reqs[i].body.find("10.1.1.9"), std::string::npos) << i;
+    }
   }
   EXPECT_EQ(c.m_pcls, c.m_Classes.findClassName("OXS_StorageVolume", nullptr));
 }
