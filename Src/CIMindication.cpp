@@ -647,7 +647,9 @@ namespace {
 // instances made by this call are deleted again and the first error is returned.
 unsigned long CreateMissing(CIMcontainer& c, CIMcontainer::Subscription& s) {
   const std::string name = OurName(c, s.port);
-  const std::string url = (boost::format("http://%s:%d") % c.m_LocalIP % s.port).str();
+  const bool v6 = c.m_LocalIP.find(':') != std::string::npos;
+  const std::string url =
+      (boost::format(v6 ? "http://[%s]:%d" : "http://%s:%d") % c.m_LocalIP % s.port).str();
   const std::string query = XmlEscape(s.query);
   bool madeFilter = false, madeDestination = false;
   unsigned long r = 0;

@@ -452,6 +452,26 @@ TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscriptio
   EXPECT_FALSE(listening());
 }
 
+TEST_F(Subscriptions, CheckRestartsAStoppedListenerAndTheDestructorStopsIt) {
+  {
+    CIMcontainer d;
+    PointAt(d, srv.port());
+    d.m_LocalIP = "127.0.0.1";
+    d.setCurrentClass("OXS_StorageVolume", nullptr);
+    answerCreates();
+    ASSERT_EQ(d.subscribe("SELECT * FROM CIM_AlertIndication", nullptr, nullptr, port, OnIndication), 0u);
+    d.m_Listener->stop_Listener();
+    EXPECT_FALSE(listening());
+    TraceCapture traces(TRACE_STATUS);
+    for (int i = 0; i < 3; ++i) answer("op_getinstance.xml");
+    EXPECT_EQ(d.subscribe_check(), 0u);
+    EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check: restarting the listener"));
+    EXPECT_TRUE(oxtest::Eventually([&] { return d.m_Listener && d.m_Listener->check_Listener(); }));
+    EXPECT_EQ(srv.requestCount(), 6u);  // the three checks, nothing created
+  }
+  EXPECT_FALSE(listening());
+}
+
 TEST_F(Subscriptions, UnsubscribeAllRemovesWhatPointsAtThisHost) {
   // Two destinations, one of them ours; two subscriptions, one through ours.
   const std::string dests =
