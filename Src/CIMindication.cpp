@@ -25,8 +25,6 @@ namespace oxCIM {
 
 const char* const PROP_NAME = "Name";
 const char* const PROP_CREATIONCLASSNAME = "CreationClassName";
-const char* const PROP_SYSTEMCREATIONCLASSNAME = "SystemCreationClassName";
-const char* const PROP_SYSTEMNAME = "SystemName";
 const char* const PROP_QUERY = "Query";
 const char* const PROP_QUERYLANGUAGE = "QueryLanguage";
 const char* const PROP_SOURCENAMESPACE = "SourceNamespace";

@@ -33,6 +33,20 @@ extern OXCIM_API int do_cim_debug;
 // Shared between threads: access it with __atomic builtins.
 extern OXCIM_API int ListenerThreadIsActive;
 
+// Property names used by the subscription operations.
+extern OXCIM_API const char* const PROP_NAME;                     // "Name"
+extern OXCIM_API const char* const PROP_CREATIONCLASSNAME;        // "CreationClassName"
+extern OXCIM_API const char* const PROP_QUERY;                    // "Query"
+extern OXCIM_API const char* const PROP_QUERYLANGUAGE;            // "QueryLanguage"
+extern OXCIM_API const char* const PROP_SOURCENAMESPACE;          // "SourceNamespace"
+extern OXCIM_API const char* const PROP_SOURCENAMESPACES;         // "SourceNamespaces"
+extern OXCIM_API const char* const PROP_DESTINATION;              // "Destination"
+extern OXCIM_API const char* const PROP_PERSISTENCETYPE;          // "PersistenceType"
+extern OXCIM_API const char* const PROP_PROTOCOL;                 // "Protocol"
+extern OXCIM_API const char* const PROP_FILTER;                   // "Filter"
+extern OXCIM_API const char* const PROP_HANDLER;                  // "Handler"
+extern OXCIM_API const char* const PROP_SUBSCRIPTIONSTATE;        // "SubscriptionState"
+
 // m_Info bits.
 constexpr unsigned NO_Auth = 0x200;
 constexpr unsigned NO_Connect = 0x400;
@@ -375,22 +389,6 @@ class OXCIM_API CIMindication {
   static void* listenerThread(void* owner);
   static void* readerThread(void* args);
 };
-
-// Property names used by the subscription operations.
-extern OXCIM_API const char* const PROP_NAME;                     // "Name"
-extern OXCIM_API const char* const PROP_CREATIONCLASSNAME;        // "CreationClassName"
-extern OXCIM_API const char* const PROP_SYSTEMCREATIONCLASSNAME;  // "SystemCreationClassName"
-extern OXCIM_API const char* const PROP_SYSTEMNAME;               // "SystemName"
-extern OXCIM_API const char* const PROP_QUERY;                    // "Query"
-extern OXCIM_API const char* const PROP_QUERYLANGUAGE;            // "QueryLanguage"
-extern OXCIM_API const char* const PROP_SOURCENAMESPACE;          // "SourceNamespace"
-extern OXCIM_API const char* const PROP_SOURCENAMESPACES;         // "SourceNamespaces"
-extern OXCIM_API const char* const PROP_DESTINATION;              // "Destination"
-extern OXCIM_API const char* const PROP_PERSISTENCETYPE;          // "PersistenceType"
-extern OXCIM_API const char* const PROP_PROTOCOL;                 // "Protocol"
-extern OXCIM_API const char* const PROP_FILTER;                   // "Filter"
-extern OXCIM_API const char* const PROP_HANDLER;                  // "Handler"
-extern OXCIM_API const char* const PROP_SUBSCRIPTIONSTATE;        // "SubscriptionState"
 
 struct ReaderArgs {
   int32_t socket;
