@@ -330,12 +330,14 @@ class OXCIM_API CIMcontainer : public CIMconnection {
   // the call succeeded but the answer held no device.
   unsigned long get_sdt_from_core(CIMelement* storageSystem, _paramvalue_* params);
 
-  // Creates in "root/interop" an indication filter (query, language, source namespace),
-  // a CIM-XML listener destination http://<m_LocalIP>:<port> and a subscription joining
-  // them, then starts this container's listener (m_Listener, owned by the container) on
-  // `port` with `callback`. language null or empty: "WQL"; sourceNamespace null or empty:
-  // the namespace of m_pcls, else "root/cimv2". Returns 0 or the first error; on failure
-  // whatever was created is deleted again. m_pcls is left as it was.
+  // Starts this container's listener (m_Listener, owned by the container) on `port` with
+  // `callback` (the port must be free), then creates in "root/interop" an indication
+  // filter (query, language, source namespace), a CIM-XML listener destination
+  // http://<m_LocalIP>:<port> and a subscription joining them; the listener runs first so
+  // that no early indication is lost. language null or empty: "WQL"; sourceNamespace null
+  // or empty: the namespace of m_pcls, else "root/cimv2". Returns 0 or the first error; on
+  // failure whatever was created is deleted again and the listener stopped. m_pcls is
+  // left as it was.
   unsigned long subscribe(const char* query, const char* language, const char* sourceNamespace,
                           int port, int (*callback)(std::string&));
   // 0 when the three instances still exist and the listener runs; otherwise re-creates

@@ -394,14 +394,17 @@ TEST_F(Subscriptions, RefusedDestinationDeletesTheFilterAndReportsTheFirstError)
 }
 
 TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscription) {
-  // The filter class knows no SourceNamespaces; the destination already exists and is
-  // found by its name; the server answers the subscription without naming it.
+  // The filter class knows no SourceNamespaces; only the older destination class exists,
+  // and our destination already does, found by its name; the server answers the
+  // subscription without naming it.
   const std::string error = oxtest::ReadFixture("op_error.xml");
   srv.push(CannedResponse::cimOk(Replace(error, "CODE=\"6\"", "CODE=\"12\"")));
   answer("ind_created_filter.xml");
+  srv.push(CannedResponse::cimOk(Replace(error, "CODE=\"6\"", "CODE=\"5\"")));
   srv.push(CannedResponse::cimOk(Replace(error, "CODE=\"6\"", "CODE=\"11\"")));
-  const std::string names = Replace(oxtest::ReadFixture("ind_created_destination.xml"),
-                                    "oxCIM:127.0.0.1:PORT", tag);
+  const std::string names = Replace(Replace(oxtest::ReadFixture("ind_created_destination.xml"),
+                                            "oxCIM:127.0.0.1:PORT", tag),
+                                    "CIM_ListenerDestinationCIMXML", "CIM_IndicationHandlerCIMXML");
   srv.push(CannedResponse::cimOk(Replace(Replace(names, "CreateInstance", "EnumerateInstanceNames"),
                                          "<IRETURNVALUE>\n",
                                          "<IRETURNVALUE>\n" + Section(Replace(names, tag, "other"),
@@ -412,18 +415,22 @@ TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscriptio
   srv.push(CannedResponse::cimOk(Replace(subs, "CreateInstance", "EnumerateInstanceNames")));
   TraceCapture traces(TRACE_STATUS);
   ASSERT_EQ(c.subscribe("SELECT * FROM CIM_AlertIndication", nullptr, nullptr, port, OnIndication), 0u);
-  requests(6);
+  requests(7);
   EXPECT_EQ(wire(),
             "CreateInstance CIM_IndicationFilter\nCreateInstance CIM_IndicationFilter\n"
             "CreateInstance CIM_ListenerDestinationCIMXML\n"
-            "EnumerateInstanceNames CIM_ListenerDestinationCIMXML\n"
+            "CreateInstance CIM_IndicationHandlerCIMXML\n"
+            "EnumerateInstanceNames CIM_IndicationHandlerCIMXML\n"
             "CreateInstance CIM_IndicationSubscription\n"
             "EnumerateInstanceNames CIM_IndicationSubscription\n");
   EXPECT_EQ(srv.requests()[1].body.find("SourceNamespaces"), std::string::npos);
+  EXPECT_EQ(srv.requests()[3].body.find("Protocol"), std::string::npos);
+  EXPECT_NE(srv.requests()[5].body.find("REFERENCECLASS=\"CIM_IndicationHandlerCIMXML\""),
+            std::string::npos);
   EXPECT_EQ(Text(c.m_Subscription.destination->getValueOf(21, "Name")), tag);
   ASSERT_NE(c.m_Subscription.subscription, nullptr);
   EXPECT_TRUE(traces.has(TRACE_STATUS,
-                         "[127.0.0.1] subscribe: using the existing CIM_ListenerDestinationCIMXML"));
+                         "[127.0.0.1] subscribe: using the existing CIM_IndicationHandlerCIMXML"));
   EXPECT_EQ(c.m_pcls, c.m_Classes.findClassName("OXS_StorageVolume", nullptr));
 
   // subscribe_check: the server lost the subscription; it is made again.
@@ -435,7 +442,7 @@ TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscriptio
   EXPECT_EQ(c.subscribe_check(), 0u);
   requests(4);
   EXPECT_EQ(wire(),
-            "GetInstance CIM_IndicationFilter\nGetInstance CIM_ListenerDestinationCIMXML\n"
+            "GetInstance CIM_IndicationFilter\nGetInstance CIM_IndicationHandlerCIMXML\n"
             "GetInstance CIM_IndicationSubscription\nCreateInstance CIM_IndicationSubscription\n");
   EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check: re-creating CIM_IndicationSubscription"));
 
@@ -447,7 +454,7 @@ TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscriptio
   EXPECT_EQ(c.unsubscribe(), 0u);
   requests(3);
   EXPECT_EQ(wire(),
-            "DeleteInstance CIM_IndicationSubscription\nDeleteInstance CIM_ListenerDestinationCIMXML\n"
+            "DeleteInstance CIM_IndicationSubscription\nDeleteInstance CIM_IndicationHandlerCIMXML\n"
             "DeleteInstance CIM_IndicationFilter\n");
   EXPECT_FALSE(listening());
 }
