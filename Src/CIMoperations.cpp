@@ -700,7 +700,7 @@ unsigned long CIMcontainer::Imethod_ModifyInstance(CIMelement* instanceName,
   if (!standard) {
     addInstanceNameParam(instanceName);
   } else if (!instanceName || instanceName->GenerateCIMXML(m_Request) != 0) {
-    FAIL_REQUEST("addInstanceNameParam() bad CIMelement: InstanceName");
+    FAIL_REQUEST("Imethod_ModifyInstance() bad CIMelement: instancename");
     return ChkCimStatus();
   }
   if (modifiedInstance.GenerateCIMXML(m_Request) != 0) {

@@ -246,7 +246,10 @@ TEST_F(Methods, ModifyInstanceInEitherLayout) {
               Envelope(standard ? 1002 : 1001, "<IMETHODCALL NAME=\"ModifyInstance\">\n" + kNs +
                                                    inner + "</IMETHODCALL>\n"));
   }
+  TraceCapture traces(TRACE_STATUS);
   EXPECT_EQ(c.Imethod_ModifyInstance(nullptr, *inst, nullptr), 1001u);
+  EXPECT_TRUE(traces.has(TRACE_STATUS,
+                         "[127.0.0.1] Imethod_ModifyInstance() bad CIMelement: instancename"));
   EXPECT_EQ(srv.requestCount(), 2u);
 }
 
