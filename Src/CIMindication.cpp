@@ -62,13 +62,6 @@ void Fail(CIMcontainer& c, const char* func, int line, const char* text) {
 }
 #define FAIL(c, text) Fail((c), __func__, __LINE__, (text))
 
-// An exception inside a member becomes 1001; the container stays usable.
-unsigned long Caught(CIMcontainer& c, const char* func, const char* what) {
-  OX_TRACE_FN(TRACE_ERROR, func, "[%s] %s: Exception raised: %s", c.m_Host, func, what);
-  if (c.m_ErrCode == 0) c.m_ErrCode = 1001;
-  return 1001;
-}
-
 // Subtree bounds by ancestry: getLastElement compares only parent and grandparent, which
 // runs past the end for elements nested deeper in an answer.
 bool Within(const CIMelement* n, const CIMelement* root) {
@@ -570,8 +563,9 @@ unsigned long CIMcontainer::performExtrinsicMethod(const char* methodName,
                                                    _paramvalue_* params) {
   try {
     return MethodCall(*this, "performExtrinsicMethod", methodName, instanceName, params, 5);
-  } catch (const std::exception& e) {
-    return Caught(*this, "performExtrinsicMethod", e.what());
+  } catch (...) {
+    RecordException(*this, "performExtrinsicMethod");
+    return 1001;
   }
 }
 
@@ -618,8 +612,9 @@ unsigned long CIMcontainer::get_sdt_from_core(CIMelement* storageSystem, _paramv
     OX_TRACE(TRACE_ERROR, "[%s] get_sdt_from_core: no device in the answer", m_Host);
     m_ErrCode = 5005;
     return 5005;
-  } catch (const std::exception& e) {
-    return Caught(*this, "get_sdt_from_core", e.what());
+  } catch (...) {
+    RecordException(*this, "get_sdt_from_core");
+    return 1001;
   }
 }
 
@@ -776,8 +771,9 @@ unsigned long CIMcontainer::subscribe(const char* query, const char* language,
       return r;
     }
     return 0;
-  } catch (const std::exception& e) {
-    return Caught(*this, "subscribe", e.what());
+  } catch (...) {
+    RecordException(*this, "subscribe");
+    return 1001;
   }
 }
 
@@ -817,8 +813,9 @@ unsigned long CIMcontainer::subscribe_check() {
     if (r == 0) r = CreateMissing(*this, s);
     if (r != 0 && m_ErrCode == 0) m_ErrCode = static_cast<int32_t>(r);
     return r;
-  } catch (const std::exception& e) {
-    return Caught(*this, "subscribe_check", e.what());
+  } catch (...) {
+    RecordException(*this, "subscribe_check");
+    return 1001;
   }
 }
 
@@ -840,8 +837,9 @@ unsigned long CIMcontainer::unsubscribe() {
     if (first == 0) s.query.clear();
     m_ErrCode = static_cast<int32_t>(first);
     return first;
-  } catch (const std::exception& e) {
-    return Caught(*this, "unsubscribe", e.what());
+  } catch (...) {
+    RecordException(*this, "unsubscribe");
+    return 1001;
   }
 }
 
@@ -905,10 +903,11 @@ unsigned long CIMcontainer::unsubscribe_all() {
     }
     m_ErrCode = static_cast<int32_t>(first);
     return first;
-  } catch (const std::exception& e) {
+  } catch (...) {
     for (auto* list : {&subscriptions, &destinations, &filters})
       for (CIMelement*& tree : *list) FreeTree(tree);
-    return Caught(*this, "unsubscribe_all", e.what());
+    RecordException(*this, "unsubscribe_all");
+    return 1001;
   }
 }
 
