@@ -264,8 +264,7 @@ TEST_P(SimOperations, ExtrinsicMethods) {
       {"unknown state", MethodCall("RequestStateChange", VolumeName("vol03"), state("7")), 0,
        "<VALUE>5</VALUE>"},
       {"device tree", MethodCall("GetStorageDeviceTree", system, ""), 0,
-       "CIM_StorageVolume.SystemCreationClassName=&quot;CIM_ComputerSystem&quot;,SystemName="
-       "&quot;SN-4C3A0012&quot;,CreationClassName=&quot;CIM_StorageVolume&quot;,DeviceID=&quot;vol12"},
+       "<VALUE>&lt;INSTANCE CLASSNAME=&quot;CIM_DiskDrive&quot;&gt;"},
       {"no such method", MethodCall("Explode", system, ""), 17, "CIM_ERR_METHOD_NOT_FOUND"},
       {"no such instance", MethodCall("RequestStateChange", VolumeName("vol77"), state("2")), 6,
        "CIM_ERR_NOT_FOUND"},
@@ -398,6 +397,52 @@ TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
   std::lock_guard<std::mutex> lk(gIndicationMu);
   ASSERT_EQ(gIndications.size(), 1u);
   EXPECT_NE(gIndications[0].find("<VALUE>disk 0.3 failed</VALUE>"), std::string::npos);
+}
+
+// The library's own subscription and method members against the simulator.
+TEST(SimIndications, LibrarySubscribesCallsMethodsAndUnsubscribes) {
+  auto server = Serve();
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    gIndications.clear();
+  }
+  CIMcontainer c;
+  Point(c, *server);
+  c.m_LocalIP = "127.0.0.1";
+  c.setCurrentClass("CIM_StorageVolume", "root/cimv2");
+  ASSERT_EQ(c.subscribe("SELECT * FROM CIM_InstModification", nullptr, nullptr, oxtest::FreePort(),
+                        Collect), 0u);
+  EXPECT_EQ(c.subscribe_check(), 0u);
+
+  CIMelement* volume = NameOf(c, "CIM_StorageVolume", "vol06");
+  ASSERT_NE(volume, nullptr);
+  uint16_t stop = 3;
+  oxCIM::_paramvalue_ params[] = {{"RequestedState", 5, 1, &stop}, {nullptr, 0, 0, nullptr}};
+  ASSERT_EQ(c.performExtrinsicMethod("RequestStateChange", volume, params), 0u) << c.m_Response;
+  ASSERT_NE(c.getReturnValue(), nullptr);
+  EXPECT_STREQ(c.getReturnValue(), "0");
+  ASSERT_TRUE(oxtest::Eventually([] {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    return !gIndications.empty();
+  }));
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    EXPECT_NE(gIndications[0].find("CIM_InstModification"), std::string::npos);
+    EXPECT_NE(gIndications[0].find("DeviceID=&quot;vol06&quot;"), std::string::npos);
+  }
+
+  c.setCurrentClass("CIM_ComputerSystem", "root/cimv2");
+  ASSERT_NE(c.Imethod_EnumerateInstanceNames(), 0u);
+  CIMelement* system = c.m_pcls->m_InstanceNames->findelement(oxsim::ElemId("INSTANCENAME"), 0);
+  ASSERT_EQ(c.get_sdt_from_core(system, nullptr), 0u);
+  int devices = 0;
+  for (int n = 0; c.m_pcls->m_Properties->findelement(oxsim::ElemId("INSTANCE"), n); ++n) ++devices;
+  EXPECT_EQ(devices, 16);  // twelve volumes, four disks
+
+  EXPECT_EQ(c.unsubscribe(), 0u);
+  const oxsim::SimRepository after = server->repository();
+  for (const char* cls : {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
+    EXPECT_TRUE(after.find("root/interop", cls)->instances.empty()) << cls;
 }
 
 // ---------------------------------------------------------------------------------------

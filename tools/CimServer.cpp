@@ -708,13 +708,19 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
         rc = 5;  // Invalid Parameter
       }
     } else if (SameNoCase(method, "GetStorageDeviceTree")) {
-      std::string tree = "<PARAMVALUE NAME=\"Tree\" PARAMTYPE=\"string\">\n<VALUE.ARRAY>\n";
+      // The system as a reference, its devices as embedded instances.
+      const SimClass* system = repo_.find(ns, "CIM_ComputerSystem");
+      if (system && !system->instances.empty())
+        outParams = "<PARAMVALUE NAME=\"Root\" PARAMTYPE=\"reference\">\n<VALUE.REFERENCE>\n" +
+                    NameXml(*system, system->instances[0]) + "</VALUE.REFERENCE>\n</PARAMVALUE>\n";
+      outParams += "<PARAMVALUE NAME=\"Devices\" PARAMTYPE=\"string\" EmbeddedObject=\"instance\">\n"
+                   "<VALUE.ARRAY>\n";
       for (const SimClass& k : repo_.classes) {
-        if (!SameNoCase(k.ns, ns)) continue;
+        if (!SameNoCase(k.ns, ns) || SameNoCase(k.name, "CIM_ComputerSystem")) continue;
         for (const SimInstance& i : k.instances)
-          tree += "<VALUE>" + Esc(ModelPath(ns, k, i)) + "</VALUE>\n";
+          outParams += "<VALUE>" + Esc(InstanceXml(k, i)) + "</VALUE>\n";
       }
-      outParams = tree + "</VALUE.ARRAY>\n</PARAMVALUE>\n";
+      outParams += "</VALUE.ARRAY>\n</PARAMVALUE>\n";
       rc = 0;
     } else if (SameNoCase(method, "RaiseAlert")) {
       const auto msg = in.find("message");

@@ -417,7 +417,10 @@ SimRepository SimRepository::BuiltIn() {
   std::vector<SimClass>& m = r.classes;
 
   SimClass sys{"root/cimv2", cs, "CIM_System", {}, {stateChange}, {}};
-  sys.methods.push_back({"GetStorageDeviceTree", "uint32", {{"Tree", "string", true, true}}});
+  sys.methods.push_back({"GetStorageDeviceTree",
+                         "uint32",
+                         {{"Root", "ref:CIM_ComputerSystem", false, true},
+                          {"Devices", "string", true, true}}});
   sys.methods.push_back({"RaiseAlert",
                          "uint32",
                          {{"Message", "string", false, false},
