@@ -106,6 +106,15 @@ std::string MethodCall(const std::string& method, const std::string& target,
 oxCIM::_properties_ Str(const char* name, const char* value) { return {name, 1, 1, value, nullptr}; }
 const oxCIM::_properties_ kEnd{nullptr, 0, 0, nullptr, nullptr};
 
+// What the library's listener handed over.
+std::mutex gIndicationMu;
+std::vector<std::string> gIndications;
+int Collect(std::string& body) {
+  std::lock_guard<std::mutex> lk(gIndicationMu);
+  gIndications.push_back(body);
+  return 0;
+}
+
 // ---------------------------------------------------------------------------------------
 // Every offered operation, over HTTP and HTTPS
 
@@ -282,6 +291,53 @@ TEST_P(SimOperations, ExtrinsicMethods) {
       << c.m_Response;
 }
 
+// The library's own subscription and method members against the simulator.
+TEST_P(SimOperations, LibrarySubscribesCallsMethodsAndUnsubscribes) {
+  const oxtest::TestPki* tls = GetParam() ? pki : nullptr;
+  auto server = Serve(tls);
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    gIndications.clear();
+  }
+  CIMcontainer c;
+  Point(c, *server, tls);
+  c.m_LocalIP = "127.0.0.1";
+  c.setCurrentClass("CIM_StorageVolume", "root/cimv2");
+  ASSERT_EQ(c.subscribe("SELECT * FROM CIM_InstModification", nullptr, nullptr, oxtest::FreePort(),
+                        Collect), 0u);
+  EXPECT_EQ(c.subscribe_check(), 0u);
+
+  CIMelement* volume = NameOf(c, "CIM_StorageVolume", "vol06");
+  ASSERT_NE(volume, nullptr);
+  uint16_t stop = 3;
+  oxCIM::_paramvalue_ params[] = {{"RequestedState", 5, 1, &stop}, {nullptr, 0, 0, nullptr}};
+  ASSERT_EQ(c.performExtrinsicMethod("RequestStateChange", volume, params), 0u) << c.m_Response;
+  ASSERT_NE(c.getReturnValue(), nullptr);
+  EXPECT_STREQ(c.getReturnValue(), "0");
+  ASSERT_TRUE(oxtest::Eventually([] {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    return !gIndications.empty();
+  }));
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    EXPECT_NE(gIndications[0].find("CIM_InstModification"), std::string::npos);
+    EXPECT_NE(gIndications[0].find("DeviceID=&quot;vol06&quot;"), std::string::npos);
+  }
+
+  c.setCurrentClass("CIM_ComputerSystem", "root/cimv2");
+  ASSERT_NE(c.Imethod_EnumerateInstanceNames(), 0u);
+  CIMelement* system = c.m_pcls->m_InstanceNames->findelement(oxsim::ElemId("INSTANCENAME"), 0);
+  ASSERT_EQ(c.get_sdt_from_core(system, nullptr), 0u);
+  int devices = 0;
+  for (int n = 0; c.m_pcls->m_Properties->findelement(oxsim::ElemId("INSTANCE"), n); ++n) ++devices;
+  EXPECT_EQ(devices, 16);  // twelve volumes, four disks
+
+  EXPECT_EQ(c.unsubscribe(), 0u);
+  const oxsim::SimRepository after = server->repository();
+  for (const char* cls : {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
+    EXPECT_TRUE(after.find("root/interop", cls)->instances.empty()) << cls;
+}
+
 INSTANTIATE_TEST_SUITE_P(Scheme, SimOperations, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "https" : "http"; });
 
@@ -358,18 +414,14 @@ TEST(SimIndications, LifecycleAndAlertsReachTheDestinationWithRetry) {
   EXPECT_EQ(requests[0].body, requests[1].body);
 }
 
-std::mutex gIndicationMu;
-std::vector<std::string> gIndications;
-int Collect(std::string& body) {
-  std::lock_guard<std::mutex> lk(gIndicationMu);
-  gIndications.push_back(body);
-  return 0;
-}
-
 // The library's own listener takes what the simulator exports; a dead destination is
 // given up after the bounded retries.
 TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
   auto server = Serve();
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    gIndications.clear();
+  }
   oxCIM::CIMindication listener;
   listener.pCallBack = Collect;
   listener.m_Port = oxtest::FreePort();
@@ -397,52 +449,6 @@ TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
   std::lock_guard<std::mutex> lk(gIndicationMu);
   ASSERT_EQ(gIndications.size(), 1u);
   EXPECT_NE(gIndications[0].find("<VALUE>disk 0.3 failed</VALUE>"), std::string::npos);
-}
-
-// The library's own subscription and method members against the simulator.
-TEST(SimIndications, LibrarySubscribesCallsMethodsAndUnsubscribes) {
-  auto server = Serve();
-  {
-    std::lock_guard<std::mutex> lk(gIndicationMu);
-    gIndications.clear();
-  }
-  CIMcontainer c;
-  Point(c, *server);
-  c.m_LocalIP = "127.0.0.1";
-  c.setCurrentClass("CIM_StorageVolume", "root/cimv2");
-  ASSERT_EQ(c.subscribe("SELECT * FROM CIM_InstModification", nullptr, nullptr, oxtest::FreePort(),
-                        Collect), 0u);
-  EXPECT_EQ(c.subscribe_check(), 0u);
-
-  CIMelement* volume = NameOf(c, "CIM_StorageVolume", "vol06");
-  ASSERT_NE(volume, nullptr);
-  uint16_t stop = 3;
-  oxCIM::_paramvalue_ params[] = {{"RequestedState", 5, 1, &stop}, {nullptr, 0, 0, nullptr}};
-  ASSERT_EQ(c.performExtrinsicMethod("RequestStateChange", volume, params), 0u) << c.m_Response;
-  ASSERT_NE(c.getReturnValue(), nullptr);
-  EXPECT_STREQ(c.getReturnValue(), "0");
-  ASSERT_TRUE(oxtest::Eventually([] {
-    std::lock_guard<std::mutex> lk(gIndicationMu);
-    return !gIndications.empty();
-  }));
-  {
-    std::lock_guard<std::mutex> lk(gIndicationMu);
-    EXPECT_NE(gIndications[0].find("CIM_InstModification"), std::string::npos);
-    EXPECT_NE(gIndications[0].find("DeviceID=&quot;vol06&quot;"), std::string::npos);
-  }
-
-  c.setCurrentClass("CIM_ComputerSystem", "root/cimv2");
-  ASSERT_NE(c.Imethod_EnumerateInstanceNames(), 0u);
-  CIMelement* system = c.m_pcls->m_InstanceNames->findelement(oxsim::ElemId("INSTANCENAME"), 0);
-  ASSERT_EQ(c.get_sdt_from_core(system, nullptr), 0u);
-  int devices = 0;
-  for (int n = 0; c.m_pcls->m_Properties->findelement(oxsim::ElemId("INSTANCE"), n); ++n) ++devices;
-  EXPECT_EQ(devices, 16);  // twelve volumes, four disks
-
-  EXPECT_EQ(c.unsubscribe(), 0u);
-  const oxsim::SimRepository after = server->repository();
-  for (const char* cls : {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
-    EXPECT_TRUE(after.find("root/interop", cls)->instances.empty()) << cls;
 }
 
 // ---------------------------------------------------------------------------------------
