@@ -43,8 +43,9 @@ void Point(CIMcontainer& c, const oxsim::CimServer& s, const oxtest::TestPki* pk
   }
 }
 
-std::unique_ptr<oxsim::CimServer> Serve(const oxtest::TestPki* pki = nullptr,
-                                        oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn()) {
+std::unique_ptr<oxsim::CimServer> Serve(
+    const oxtest::TestPki* pki = nullptr,
+    oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn()) {
   oxsim::CimServerOptions o;
   if (pki) {
     o.http.certFile = pki->serverCert;
@@ -68,8 +69,11 @@ CIMelement* NameOf(CIMcontainer& c, const char* cls, const char* id) {
 struct Tree {
   CIMelement root;
   explicit Tree(const std::string& xml) {
-    EXPECT_EQ(root.ParseCIMXML("<?xml version=\"1.0\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">" +
-                               xml + "</CIM>\n"), 0) << xml;
+    EXPECT_EQ(
+        root.ParseCIMXML("<?xml version=\"1.0\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">" +
+                         xml + "</CIM>\n"),
+        0)
+        << xml;
   }
   CIMelement* element(const char* kind) { return root.findelement(oxsim::ElemId(kind), 0); }
 };
@@ -78,8 +82,8 @@ struct Tree {
 int Post(CIMcontainer& c, const char* method, const std::string& ns, const std::string& call) {
   c.m_Request =
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">\n"
-      "<MESSAGE ID=\"4711\" PROTOCOLVERSION=\"1.0\">\n<SIMPLEREQ>\n" + call +
-      "</SIMPLEREQ>\n</MESSAGE>\n</CIM>\n";
+      "<MESSAGE ID=\"4711\" PROTOCOLVERSION=\"1.0\">\n<SIMPLEREQ>\n" +
+      call + "</SIMPLEREQ>\n</MESSAGE>\n</CIM>\n";
   std::string object = ns;
   return c.sendRequest_recvResponse(method, &object[0]);
 }
@@ -94,16 +98,19 @@ std::string NsPath(const std::string& ns) {
 
 std::string VolumeName(const std::string& id) {
   return "<INSTANCENAME CLASSNAME=\"CIM_StorageVolume\"><KEYBINDING NAME=\"DeviceID\">"
-         "<KEYVALUE VALUETYPE=\"string\">" + id + "</KEYVALUE></KEYBINDING></INSTANCENAME>";
+         "<KEYVALUE VALUETYPE=\"string\">" +
+         id + "</KEYVALUE></KEYBINDING></INSTANCENAME>";
 }
 
 std::string MethodCall(const std::string& method, const std::string& target,
                        const std::string& params) {
-  return "<METHODCALL NAME=\"" + method + "\"><LOCALINSTANCEPATH>" + NsPath("root/cimv2") +
-         target + "</LOCALINSTANCEPATH>" + params + "</METHODCALL>\n";
+  return "<METHODCALL NAME=\"" + method + "\"><LOCALINSTANCEPATH>" + NsPath("root/cimv2") + target +
+         "</LOCALINSTANCEPATH>" + params + "</METHODCALL>\n";
 }
 
-oxCIM::_properties_ Str(const char* name, const char* value) { return {name, 1, 1, value, nullptr}; }
+oxCIM::_properties_ Str(const char* name, const char* value) {
+  return {name, 1, 1, value, nullptr};
+}
 const oxCIM::_properties_ kEnd{nullptr, 0, 0, nullptr, nullptr};
 
 // What the library's listener handed over.
@@ -121,9 +128,9 @@ int Collect(std::string& body) {
 struct OpCase {
   const char* what;
   std::function<unsigned long(CIMcontainer&)> run;  // the operation's status
-  int code;                                          // expected CIM status
-  const char* seen;                                  // in the answer, "" for nothing
-  int times;                                         // how often (0: at least once)
+  int code;                                         // expected CIM status
+  const char* seen;                                 // in the answer, "" for nothing
+  int times;                                        // how often (0: at least once)
 };
 
 class SimOperations : public ::testing::TestWithParam<bool> {
@@ -142,95 +149,168 @@ TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
   auto status = [](CIMcontainer& k, unsigned long object) {
     return object != 0 ? 0ul : static_cast<unsigned long>(k.m_ErrCode);
   };
-  Tree newClass("<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"><QUALIFIER "
-                "NAME=\"Key\" TYPE=\"boolean\"><VALUE>true</VALUE></QUALIFIER></PROPERTY></CLASS>");
-  Tree changedClass("<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"/>"
-                    "<PROPERTY NAME=\"Capacity\" TYPE=\"uint64\"/></CLASS>");
-  Tree renamed("<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"ElementName\" "
-               "TYPE=\"string\"><VALUE>db-renamed</VALUE></PROPERTY></INSTANCE>");
+  Tree newClass(
+      "<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"><QUALIFIER "
+      "NAME=\"Key\" TYPE=\"boolean\"><VALUE>true</VALUE></QUALIFIER></PROPERTY></CLASS>");
+  Tree changedClass(
+      "<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"/>"
+      "<PROPERTY NAME=\"Capacity\" TYPE=\"uint64\"/></CLASS>");
+  Tree renamed(
+      "<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"ElementName\" "
+      "TYPE=\"string\"><VALUE>db-renamed</VALUE></PROPERTY></INSTANCE>");
   const OpCase cases[] = {
-      {"GetClass", [](CIMcontainer& k) {
+      {"GetClass",
+       [](CIMcontainer& k) {
          k.setCurrentClass("CIM_StorageVolume", "");
-         return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 0, "<METHOD NAME=\"RequestStateChange\"", 1},
-      {"EnumerateClassNames deep", [](CIMcontainer& k) {
+         return k.Imethod_GetClass(-1, -1, -1, nullptr);
+       },
+       0, "<METHOD NAME=\"RequestStateChange\"", 1},
+      {"EnumerateClassNames deep",
+       [](CIMcontainer& k) {
          k.setCurrentClass("", "root/interop");
-         return k.Imethod_EnumerateClassNames(1); }, 0, "<CLASSNAME NAME=", 6},
-      {"EnumerateClasses", [](CIMcontainer& k) {
+         return k.Imethod_EnumerateClassNames(1);
+       },
+       0, "<CLASSNAME NAME=", 6},
+      {"EnumerateClasses",
+       [](CIMcontainer& k) {
          k.setCurrentClass("", "");
-         return k.Imethod_EnumerateClasses(0, 1, 0, 1); }, 0, "<CLASS NAME=", 3},
-      {"EnumerateInstanceNames", [&](CIMcontainer& k) {
+         return k.Imethod_EnumerateClasses(0, 1, 0, 1);
+       },
+       0, "<CLASS NAME=", 3},
+      {"EnumerateInstanceNames",
+       [&](CIMcontainer& k) {
          k.setCurrentClass("CIM_DiskDrive", "");
-         return status(k, k.Imethod_EnumerateInstanceNames()); }, 0, "<INSTANCENAME ", 4},
-      {"EnumerateInstances", [&](CIMcontainer& k) {
+         return status(k, k.Imethod_EnumerateInstanceNames());
+       },
+       0, "<INSTANCENAME ", 4},
+      {"EnumerateInstances",
+       [&](CIMcontainer& k) {
          k.setCurrentClass("CIM_StorageVolume", "");
-         return status(k, k.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr)); }, 0, "<VALUE.NAMEDINSTANCE>", 12},
-      {"GetInstance", [&](CIMcontainer& k) {
-         return status(k, k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol07"), -1, nullptr)); },
+         return status(k, k.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr));
+       },
+       0, "<VALUE.NAMEDINSTANCE>", 12},
+      {"GetInstance",
+       [&](CIMcontainer& k) {
+         return status(k,
+                       k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol07"), -1, nullptr));
+       },
        0, "<VALUE>scratch</VALUE>", 1},
-      {"ExecQuery", [](CIMcontainer& k) {
+      {"ExecQuery",
+       [](CIMcontainer& k) {
          k.setCurrentClass("CIM_DiskDrive", "");
-         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive"); }, 0, "<VALUE.OBJECTWITHPATH>", 4},
-      {"SetProperty", [](CIMcontainer& k) {
-         return k.Imethod_SetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName", "bkp"); }, 0, "", 0},
-      {"GetProperty sees it", [](CIMcontainer& k) {
-         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName"); },
+         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive");
+       },
+       0, "<VALUE.OBJECTWITHPATH>", 4},
+      {"SetProperty",
+       [](CIMcontainer& k) {
+         return k.Imethod_SetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName",
+                                      "bkp");
+       },
+       0, "", 0},
+      {"GetProperty sees it",
+       [](CIMcontainer& k) {
+         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName");
+       },
        0, "<IRETURNVALUE>\n<VALUE>bkp</VALUE>", 1},
-      {"CreateInstance", [&](CIMcontainer& k) {
+      {"CreateInstance",
+       [&](CIMcontainer& k) {
          k.setCurrentClass("CIM_StorageVolume", "");
          oxCIM::_properties_ p[] = {Str("DeviceID", "vol99"), Str("ElementName", "new"), kEnd};
-         return status(k, k.Imethod_CreateInstance(p)); }, 0, "<KEYVALUE VALUETYPE=\"string\">SN-4C3A0012<", 1},
-      {"CreateInstance again: already exists", [&](CIMcontainer& k) {
+         return status(k, k.Imethod_CreateInstance(p));
+       },
+       0, "<KEYVALUE VALUETYPE=\"string\">SN-4C3A0012<", 1},
+      {"CreateInstance again: already exists",
+       [&](CIMcontainer& k) {
          oxCIM::_properties_ p[] = {Str("DeviceID", "vol99"), kEnd};
-         return status(k, k.Imethod_CreateInstance(p)); }, 11, "CIM_ERR_ALREADY_EXISTS", 1},
-      {"ModifyInstance", [&](CIMcontainer& k) {
+         return status(k, k.Imethod_CreateInstance(p));
+       },
+       11, "CIM_ERR_ALREADY_EXISTS", 1},
+      {"ModifyInstance",
+       [&](CIMcontainer& k) {
          return k.Imethod_ModifyInstance(NameOf(k, "CIM_StorageVolume", "vol99"),
-                                         *renamed.element("INSTANCE"), nullptr); }, 0, "", 0},
-      {"GetInstance sees it", [&](CIMcontainer& k) {
-         return status(k, k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol99"), -1, nullptr)); },
-       0, "<VALUE>db-renamed</VALUE>", 1},
-      {"DeleteInstance", [](CIMcontainer& k) {
-         return k.Imethod_DeleteInstance(NameOf(k, "CIM_StorageVolume", "vol99")); }, 0, "", 0},
-      {"GetInstance after delete: not found", [&](CIMcontainer& k) {
-         Tree gone(VolumeName("vol99"));
-         return status(k, k.Imethod_GetInstance(gone.element("INSTANCENAME"), -1, nullptr)); },
-       6, "CIM_ERR_NOT_FOUND", 1},
-      {"CreateClass", [&](CIMcontainer& k) {
-         k.setCurrentClass("OX_Pool", "");
-         return k.Imethod_CreateClass(*newClass.element("CLASS")); }, 0, "", 0},
-      {"CreateClass again: already exists", [&](CIMcontainer& k) {
-         return k.Imethod_CreateClass(*newClass.element("CLASS")); }, 11, "CIM_ERR_ALREADY_EXISTS", 1},
-      {"ModifyClass", [&](CIMcontainer& k) {
-         return k.Imethod_ModifyClass(*changedClass.element("CLASS")); }, 0, "", 0},
-      {"GetClass sees it", [](CIMcontainer& k) {
-         return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 0, "<PROPERTY NAME=\"Capacity\"", 1},
-      {"DeleteClass", [](CIMcontainer& k) { return k.Imethod_DeleteClass(); }, 0, "", 0},
-      {"GetClass after delete: invalid class", [](CIMcontainer& k) {
-         return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 5, "CIM_ERR_INVALID_CLASS: OX_Pool", 1},
-      {"invalid namespace", [](CIMcontainer& k) {
-         k.setCurrentClass("CIM_DiskDrive", "root/nowhere");
-         return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 3, "CIM_ERR_INVALID_NAMESPACE: root/nowhere", 1},
-      {"invalid parameter: not a key", [&](CIMcontainer& k) {
-         Tree bad("<INSTANCENAME CLASSNAME=\"CIM_DiskDrive\"><KEYBINDING NAME=\"ElementName\">"
-                  "<KEYVALUE>x</KEYVALUE></KEYBINDING></INSTANCENAME>");
-         k.setCurrentClass("CIM_DiskDrive", "");
-         return status(k, k.Imethod_GetInstance(bad.element("INSTANCENAME"), -1, nullptr)); },
-       4, "CIM_ERR_INVALID_PARAMETER: ElementName is not a key", 1},
-      {"invalid query", [](CIMcontainer& k) {
-         k.setCurrentClass("CIM_DiskDrive", "");
-         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive where x=1"); }, 15, "CIM_ERR_INVALID_QUERY", 1},
-      {"not supported", [](CIMcontainer& k) {
-         return static_cast<unsigned long>(Post(k, "References", "root/cimv2",
-             "<IMETHODCALL NAME=\"References\">" + NsPath("root/cimv2") + "</IMETHODCALL>\n")); },
-       7, "CIM_ERR_NOT_SUPPORTED: References", 1},
-      {"ModifyInstance, DSP0200 layout", [](CIMcontainer& k) {
-         return static_cast<unsigned long>(Post(k, "ModifyInstance", "root/cimv2",
-             "<IMETHODCALL NAME=\"ModifyInstance\">" + NsPath("root/cimv2") +
-             "<IPARAMVALUE NAME=\"ModifiedInstance\"><VALUE.NAMEDINSTANCE>" + VolumeName("vol01") +
-             "<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"HealthState\" TYPE=\"uint16\">"
-             "<VALUE>25</VALUE></PROPERTY></INSTANCE></VALUE.NAMEDINSTANCE></IPARAMVALUE></IMETHODCALL>\n")); },
+                                         *renamed.element("INSTANCE"), nullptr);
+       },
        0, "", 0},
-      {"GetProperty sees it", [](CIMcontainer& k) {
-         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol01"), "HealthState"); },
+      {"GetInstance sees it",
+       [&](CIMcontainer& k) {
+         return status(k,
+                       k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol99"), -1, nullptr));
+       },
+       0, "<VALUE>db-renamed</VALUE>", 1},
+      {"DeleteInstance",
+       [](CIMcontainer& k) {
+         return k.Imethod_DeleteInstance(NameOf(k, "CIM_StorageVolume", "vol99"));
+       },
+       0, "", 0},
+      {"GetInstance after delete: not found",
+       [&](CIMcontainer& k) {
+         Tree gone(VolumeName("vol99"));
+         return status(k, k.Imethod_GetInstance(gone.element("INSTANCENAME"), -1, nullptr));
+       },
+       6, "CIM_ERR_NOT_FOUND", 1},
+      {"CreateClass",
+       [&](CIMcontainer& k) {
+         k.setCurrentClass("OX_Pool", "");
+         return k.Imethod_CreateClass(*newClass.element("CLASS"));
+       },
+       0, "", 0},
+      {"CreateClass again: already exists",
+       [&](CIMcontainer& k) { return k.Imethod_CreateClass(*newClass.element("CLASS")); }, 11,
+       "CIM_ERR_ALREADY_EXISTS", 1},
+      {"ModifyClass",
+       [&](CIMcontainer& k) { return k.Imethod_ModifyClass(*changedClass.element("CLASS")); }, 0,
+       "", 0},
+      {"GetClass sees it", [](CIMcontainer& k) { return k.Imethod_GetClass(-1, -1, -1, nullptr); },
+       0, "<PROPERTY NAME=\"Capacity\"", 1},
+      {"DeleteClass", [](CIMcontainer& k) { return k.Imethod_DeleteClass(); }, 0, "", 0},
+      {"GetClass after delete: invalid class",
+       [](CIMcontainer& k) { return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 5,
+       "CIM_ERR_INVALID_CLASS: OX_Pool", 1},
+      {"invalid namespace",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "root/nowhere");
+         return k.Imethod_GetClass(-1, -1, -1, nullptr);
+       },
+       3, "CIM_ERR_INVALID_NAMESPACE: root/nowhere", 1},
+      {"invalid parameter: not a key",
+       [&](CIMcontainer& k) {
+         Tree bad(
+             "<INSTANCENAME CLASSNAME=\"CIM_DiskDrive\"><KEYBINDING NAME=\"ElementName\">"
+             "<KEYVALUE>x</KEYVALUE></KEYBINDING></INSTANCENAME>");
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return status(k, k.Imethod_GetInstance(bad.element("INSTANCENAME"), -1, nullptr));
+       },
+       4, "CIM_ERR_INVALID_PARAMETER: ElementName is not a key", 1},
+      {"invalid query",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive where x=1");
+       },
+       15, "CIM_ERR_INVALID_QUERY", 1},
+      {"not supported",
+       [](CIMcontainer& k) {
+         return static_cast<unsigned long>(
+             Post(k, "References", "root/cimv2",
+                  "<IMETHODCALL NAME=\"References\">" + NsPath("root/cimv2") + "</IMETHODCALL>\n"));
+       },
+       7, "CIM_ERR_NOT_SUPPORTED: References", 1},
+      {"ModifyInstance, DSP0200 layout",
+       [](CIMcontainer& k) {
+         return static_cast<unsigned long>(
+             Post(k, "ModifyInstance", "root/cimv2",
+                  "<IMETHODCALL NAME=\"ModifyInstance\">" + NsPath("root/cimv2") +
+                      "<IPARAMVALUE NAME=\"ModifiedInstance\"><VALUE.NAMEDINSTANCE>" +
+                      VolumeName("vol01") +
+                      "<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"HealthState\" "
+                      "TYPE=\"uint16\">"
+                      "<VALUE>25</VALUE></PROPERTY></INSTANCE></VALUE.NAMEDINSTANCE></"
+                      "IPARAMVALUE></IMETHODCALL>\n"));
+       },
+       0, "", 0},
+      {"GetProperty sees it",
+       [](CIMcontainer& k) {
+         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol01"), "HealthState");
+       },
        0, "<VALUE>25</VALUE>", 1},
   };
   for (const OpCase& t : cases) {
@@ -286,8 +366,10 @@ TEST_P(SimOperations, ExtrinsicMethods) {
     EXPECT_NE(c.m_Response.find(t.seen), std::string::npos) << c.m_Response;
   }
   // The stop shows in the model.
-  EXPECT_NE(c.Imethod_GetProperty(NameOf(c, "CIM_StorageVolume", "vol03"), "OperationalStatus"), 1u);
-  EXPECT_NE(c.m_Response.find("<VALUE.ARRAY>\n<VALUE>10</VALUE>\n</VALUE.ARRAY>"), std::string::npos)
+  EXPECT_NE(c.Imethod_GetProperty(NameOf(c, "CIM_StorageVolume", "vol03"), "OperationalStatus"),
+            1u);
+  EXPECT_NE(c.m_Response.find("<VALUE.ARRAY>\n<VALUE>10</VALUE>\n</VALUE.ARRAY>"),
+            std::string::npos)
       << c.m_Response;
 }
 
@@ -304,7 +386,8 @@ TEST_P(SimOperations, LibrarySubscribesCallsMethodsAndUnsubscribes) {
   c.m_LocalIP = "127.0.0.1";
   c.setCurrentClass("CIM_StorageVolume", "root/cimv2");
   ASSERT_EQ(c.subscribe("SELECT * FROM CIM_InstModification", nullptr, nullptr, oxtest::FreePort(),
-                        Collect), 0u);
+                        Collect),
+            0u);
   EXPECT_EQ(c.subscribe_check(), 0u);
 
   CIMelement* volume = NameOf(c, "CIM_StorageVolume", "vol06");
@@ -334,7 +417,8 @@ TEST_P(SimOperations, LibrarySubscribesCallsMethodsAndUnsubscribes) {
 
   EXPECT_EQ(c.unsubscribe(), 0u);
   const oxsim::SimRepository after = server->repository();
-  for (const char* cls : {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
+  for (const char* cls :
+       {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
     EXPECT_TRUE(after.find("root/interop", cls)->instances.empty()) << cls;
 }
 
@@ -408,7 +492,8 @@ TEST(SimIndications, LifecycleAndAlertsReachTheDestinationWithRetry) {
     EXPECT_NE(r.body.find("<EXPMETHODCALL NAME=\"ExportIndication\">\n<EXPPARAMVALUE "
                           "NAME=\"NewIndication\">\n<INSTANCE CLASSNAME=\"" +
                           std::string(expected[n].cls) + "\">"),
-              std::string::npos) << r.body;
+              std::string::npos)
+        << r.body;
     EXPECT_NE(r.body.find(expected[n].detail), std::string::npos) << r.body;
   }
   EXPECT_EQ(requests[0].body, requests[1].body);
@@ -429,15 +514,18 @@ TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
   ASSERT_TRUE(oxtest::Eventually([&] { return oxtest::Connect(listener.m_Port, 1) >= 0; }));
   CIMcontainer c;
   Point(c, *server);
-  Subscribe(c, "http://127.0.0.1:" + std::to_string(listener.m_Port), "SELECT * FROM CIM_AlertIndication");
-  Subscribe(c, "http://127.0.0.1:" + std::to_string(oxtest::FreePort()), "SELECT * FROM CIM_AlertIndication");
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(listener.m_Port),
+            "SELECT * FROM CIM_AlertIndication");
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(oxtest::FreePort()),
+            "SELECT * FROM CIM_AlertIndication");
   // The alert raised through the method of the system.
-  EXPECT_EQ(Post(c, "RaiseAlert", "root/cimv2",
-                 MethodCall("RaiseAlert",
-                            "<INSTANCENAME CLASSNAME=\"CIM_ComputerSystem\"><KEYBINDING NAME=\"Name\">"
-                            "<KEYVALUE>SN-4C3A0012</KEYVALUE></KEYBINDING></INSTANCENAME>",
-                            "<PARAMVALUE NAME=\"Message\"><VALUE>disk 0.3 failed</VALUE></PARAMVALUE>")),
-            0);
+  EXPECT_EQ(
+      Post(c, "RaiseAlert", "root/cimv2",
+           MethodCall("RaiseAlert",
+                      "<INSTANCENAME CLASSNAME=\"CIM_ComputerSystem\"><KEYBINDING NAME=\"Name\">"
+                      "<KEYVALUE>SN-4C3A0012</KEYVALUE></KEYBINDING></INSTANCENAME>",
+                      "<PARAMVALUE NAME=\"Message\"><VALUE>disk 0.3 failed</VALUE></PARAMVALUE>")),
+      0);
   ASSERT_TRUE(server->waitDeliveries(20000));
   EXPECT_EQ(server->indicationsDelivered(), 1u);
   EXPECT_EQ(server->indicationsFailed(), 1u);
@@ -465,7 +553,7 @@ TEST(SimFaults, InjectedFailuresAsTheClientSeesThem) {
       {"http500@GetClass", 22, 3},  // the driver retries once
       {"http401@GetClass", 22, 3},
       {"close@GetClass", 52, 3},
-      {"http500/2", 0, 3},          // the retry of the failed GetClass is answered
+      {"http500/2", 0, 3},  // the retry of the failed GetClass is answered
       {"delay:150", 0, 2},
       {"drip:2@GetClass", 0, 2},
       {"garbage@GetClass", 5002, 2},
@@ -581,8 +669,9 @@ TEST(SimSnapshot, RoundTripServesWhatWasRecorded) {
   CIMcontainer c;
   Point(c, *original);
   // A change and a reference-keyed subscription, so the copy is more than the built-in model.
-  ASSERT_EQ(c.Imethod_SetProperty(NameOf(c, "CIM_StorageVolume", "vol04"), "ElementName",
-                                  "a &amp; b"), 0u);
+  ASSERT_EQ(
+      c.Imethod_SetProperty(NameOf(c, "CIM_StorageVolume", "vol04"), "ElementName", "a &amp; b"),
+      0u);
   Subscribe(c, "http://127.0.0.1:9", "SELECT * FROM CIM_AlertIndication");
   const std::string dir = ::testing::TempDir() + "oxsim-snapshot-" + std::to_string(getpid());
   std::filesystem::remove_all(dir);
@@ -638,8 +727,11 @@ TEST(SimProgram, ServesARepositoryWithFaultsAndRejectsBadOptions) {
   const struct {
     const char* args;
     int status;
-  } bad[] = {{"--port x", 2},        {"--fault explode", 2}, {"--https only-one", 2},
-             {"--frobnicate", 2},    {"--repository /nonexistent-oxsim", 1},
+  } bad[] = {{"--port x", 2},
+             {"--fault explode", 2},
+             {"--https only-one", 2},
+             {"--frobnicate", 2},
+             {"--repository /nonexistent-oxsim", 1},
              {"--https /nonexistent.pem /nonexistent.key --port 0", 1}};
   for (const auto& t : bad) {
     const int rc = std::system((program + " " + t.args + " >/dev/null 2>&1").c_str());
@@ -667,7 +759,8 @@ TEST(SimulatorLoad, EightClientsMixedOperations) {
         switch (n % 5) {
           case 0:
             c.setCurrentClass("CIM_DiskDrive", "");
-            ok = c.Imethod_EnumerateInstanceNames() != 0 && Count(c.m_Response, "<INSTANCENAME ") == 4;
+            ok = c.Imethod_EnumerateInstanceNames() != 0 &&
+                 Count(c.m_Response, "<INSTANCENAME ") == 4;
             break;
           case 1: {
             char id[8];
@@ -686,7 +779,8 @@ TEST(SimulatorLoad, EightClientsMixedOperations) {
           case 3: {
             Tree name(VolumeName(mine));
             const std::string value = std::to_string(n);
-            ok = c.Imethod_SetProperty(name.element("INSTANCENAME"), "ElementName", value.c_str()) == 0 &&
+            ok = c.Imethod_SetProperty(name.element("INSTANCENAME"), "ElementName",
+                                       value.c_str()) == 0 &&
                  c.Imethod_GetProperty(name.element("INSTANCENAME"), "ElementName") == 0 &&
                  Count(c.m_Response, "<VALUE>" + value + "</VALUE>") == 1;
             break;
@@ -706,7 +800,8 @@ TEST(SimulatorLoad, EightClientsMixedOperations) {
   EXPECT_EQ(server->repository().find("root/cimv2", "CIM_StorageVolume")->instances.size(), 12u);
   EXPECT_LT(elapsed, std::chrono::minutes(5));
   std::printf("load: %d operations in %lld ms, %zu requests\n", kThreads * kOps,
-              static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
+              static_cast<long long>(
+                  std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
               server->requestCount());
 }
 

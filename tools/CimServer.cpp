@@ -44,20 +44,34 @@ enum : int {
 
 const char* CodeName(int code) {
   switch (code) {
-    case kFailed: return "CIM_ERR_FAILED";
-    case kInvalidNamespace: return "CIM_ERR_INVALID_NAMESPACE";
-    case kInvalidParameter: return "CIM_ERR_INVALID_PARAMETER";
-    case kInvalidClass: return "CIM_ERR_INVALID_CLASS";
-    case kNotFound: return "CIM_ERR_NOT_FOUND";
-    case kNotSupported: return "CIM_ERR_NOT_SUPPORTED";
-    case kClassHasChildren: return "CIM_ERR_CLASS_HAS_CHILDREN";
-    case kInvalidSuperclass: return "CIM_ERR_INVALID_SUPERCLASS";
-    case kAlreadyExists: return "CIM_ERR_ALREADY_EXISTS";
-    case kNoSuchProperty: return "CIM_ERR_NO_SUCH_PROPERTY";
-    case kQueryLanguageNotSupported: return "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED";
-    case kInvalidQuery: return "CIM_ERR_INVALID_QUERY";
-    case kMethodNotFound: return "CIM_ERR_METHOD_NOT_FOUND";
-    default: return "CIM_ERR_FAILED";
+    case kFailed:
+      return "CIM_ERR_FAILED";
+    case kInvalidNamespace:
+      return "CIM_ERR_INVALID_NAMESPACE";
+    case kInvalidParameter:
+      return "CIM_ERR_INVALID_PARAMETER";
+    case kInvalidClass:
+      return "CIM_ERR_INVALID_CLASS";
+    case kNotFound:
+      return "CIM_ERR_NOT_FOUND";
+    case kNotSupported:
+      return "CIM_ERR_NOT_SUPPORTED";
+    case kClassHasChildren:
+      return "CIM_ERR_CLASS_HAS_CHILDREN";
+    case kInvalidSuperclass:
+      return "CIM_ERR_INVALID_SUPERCLASS";
+    case kAlreadyExists:
+      return "CIM_ERR_ALREADY_EXISTS";
+    case kNoSuchProperty:
+      return "CIM_ERR_NO_SUCH_PROPERTY";
+    case kQueryLanguageNotSupported:
+      return "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED";
+    case kInvalidQuery:
+      return "CIM_ERR_INVALID_QUERY";
+    case kMethodNotFound:
+      return "CIM_ERR_METHOD_NOT_FOUND";
+    default:
+      return "CIM_ERR_FAILED";
   }
 }
 
@@ -95,7 +109,8 @@ std::string Trim(const std::string& s) {
 
 std::string NamespaceOf(CIMelement* path) {
   std::string ns;
-  for (CIMelement* n : Children(path, "NAMESPACE")) ns += (ns.empty() ? "" : "/") + std::string(Attr(n, "NAME"));
+  for (CIMelement* n : Children(path, "NAMESPACE"))
+    ns += (ns.empty() ? "" : "/") + std::string(Attr(n, "NAME"));
   return ns;
 }
 
@@ -198,10 +213,12 @@ std::string Prop(const char* name, const char* type, const std::string& value,
          ">\n<VALUE>" + Esc(value) + "</VALUE>\n</PROPERTY>\n";
 }
 
-const char* const kIndicationTree[][2] = {
-    {"CIM_InstCreation", "CIM_InstIndication"},     {"CIM_InstModification", "CIM_InstIndication"},
-    {"CIM_InstDeletion", "CIM_InstIndication"},     {"CIM_InstIndication", "CIM_Indication"},
-    {"CIM_AlertIndication", "CIM_ProcessIndication"}, {"CIM_ProcessIndication", "CIM_Indication"}};
+const char* const kIndicationTree[][2] = {{"CIM_InstCreation", "CIM_InstIndication"},
+                                          {"CIM_InstModification", "CIM_InstIndication"},
+                                          {"CIM_InstDeletion", "CIM_InstIndication"},
+                                          {"CIM_InstIndication", "CIM_Indication"},
+                                          {"CIM_AlertIndication", "CIM_ProcessIndication"},
+                                          {"CIM_ProcessIndication", "CIM_Indication"}};
 
 bool IndicationIsA(std::string cls, const std::string& base) {
   for (int depth = 0; depth < 8 && !cls.empty(); ++depth) {
@@ -222,7 +239,8 @@ std::string WordAfter(const std::string& query, const char* keyword) {
   std::size_t b = at + k.size() - 1;
   while (b < query.size() && std::isspace(static_cast<unsigned char>(query[b]))) ++b;
   std::size_t e = b;
-  while (e < query.size() && (std::isalnum(static_cast<unsigned char>(query[e])) || query[e] == '_'))
+  while (e < query.size() &&
+         (std::isalnum(static_cast<unsigned char>(query[e])) || query[e] == '_'))
     ++e;
   return query.substr(b, e - b);
 }
@@ -268,9 +286,9 @@ bool ParseFault(const std::string& text, Fault& f, std::string& error) {
     arg = argOk ? std::atoi(digits.c_str()) : -1;
   }
   static const std::pair<const char*, Fault::Kind> kKinds[] = {
-      {"delay", Fault::Kind::Delay},     {"drip", Fault::Kind::Drip},
-      {"close", Fault::Kind::Close},     {"http500", Fault::Kind::Http500},
-      {"http401", Fault::Kind::Http401}, {"garbage", Fault::Kind::Garbage},
+      {"delay", Fault::Kind::Delay},       {"drip", Fault::Kind::Drip},
+      {"close", Fault::Kind::Close},       {"http500", Fault::Kind::Http500},
+      {"http401", Fault::Kind::Http401},   {"garbage", Fault::Kind::Garbage},
       {"cim-error", Fault::Kind::CimError}};
   bool known = false;
   for (const auto& k : kKinds)
@@ -335,9 +353,11 @@ std::shared_ptr<const CannedResponse> CimServer::handle(const RecordedRequest& r
     return std::make_shared<const CannedResponse>(std::move(r));
   };
   const std::string& line = req.requestLine;
-  if (line.compare(0, 5, "POST ") != 0) return plain(405, "Method Not Allowed", {{"Allow", "POST"}});
+  if (line.compare(0, 5, "POST ") != 0)
+    return plain(405, "Method Not Allowed", {{"Allow", "POST"}});
   const std::size_t sp = line.find(' ', 5);
-  if (line.substr(5, sp == std::string::npos ? sp : sp - 5) != "/cimom") return plain(404, "Not Found");
+  if (line.substr(5, sp == std::string::npos ? sp : sp - 5) != "/cimom")
+    return plain(404, "Not Found");
   if (!authorization_.empty() && req.header("Authorization") != authorization_)
     return plain(401, "Unauthorized", {{"WWW-Authenticate", "Basic realm=\"cimom\""}});
   if (!SameNoCase(req.header("CIMOperation"), "MethodCall"))
@@ -373,10 +393,10 @@ std::shared_ptr<const CannedResponse> CimServer::handle(const RecordedRequest& r
         std::string id = "0";
         if (tree.ParseCIMXML(req.body) == 0) id = Attr(Find(&tree, "MESSAGE"), "ID");
         return std::make_shared<const CannedResponse>(CannedResponse::cimOk(Envelope(
-            id, "<IMETHODRESPONSE NAME=\"" + Esc(req.header("CIMMethod")) + "\">\n" +
-                    ErrorXml(fired.cimCode, std::string(CodeName(fired.cimCode)) +
-                                                ": injected fault") +
-                    "</IMETHODRESPONSE>\n")));
+            id,
+            "<IMETHODRESPONSE NAME=\"" + Esc(req.header("CIMMethod")) + "\">\n" +
+                ErrorXml(fired.cimCode, std::string(CodeName(fired.cimCode)) + ": injected fault") +
+                "</IMETHODRESPONSE>\n")));
       }
       case Fault::Kind::Delay:
       case Fault::Kind::Drip:
@@ -433,7 +453,8 @@ std::string CimServer::intrinsic(CIMelement* call, const std::string& id) {
       if (keys.empty()) Fail(kInvalidParameter, "no key bindings");
       for (const auto& k : keys) {
         const SimProperty* p = c.prop(k.first);
-        if (p == nullptr || !p->key) Fail(kInvalidParameter, k.first + " is not a key of " + c.name);
+        if (p == nullptr || !p->key)
+          Fail(kInvalidParameter, k.first + " is not a key of " + c.name);
       }
       // Any subset of the keys that picks exactly one instance is accepted.
       std::size_t hit = 0, hits = 0;
@@ -515,11 +536,13 @@ std::string CimServer::intrinsic(CIMelement* call, const std::string& id) {
       for (const SimProperty& p : c.props) {
         if (!p.key) continue;
         const auto v = i.find(p.name);
-        if (v == i.end() || v->second.size() != 1) Fail(kInvalidParameter, "key " + p.name + " missing");
+        if (v == i.end() || v->second.size() != 1)
+          Fail(kInvalidParameter, "key " + p.name + " missing");
         keys.emplace_back(p.name, Comparable(p, v->second[0]));
       }
       for (const SimInstance& other : c.instances)
-        if (Matches(c, other, keys)) Fail(kAlreadyExists, "an instance of " + c.name + " with these keys");
+        if (Matches(c, other, keys))
+          Fail(kAlreadyExists, "an instance of " + c.name + " with these keys");
       c.instances.push_back(i);
       out = NameXml(c, i);
       lifecycle("CIM_InstCreation", ns, c, i, nullptr);
@@ -567,7 +590,8 @@ std::string CimServer::intrinsic(CIMelement* call, const std::string& id) {
         CIMelement* nv = params.get("NewValue");
         std::vector<std::string> values;
         if (CIMelement* a = Find(nv, "VALUE.ARRAY")) {
-          for (CIMelement* v : Children(a, "VALUE")) values.push_back(v->m_Value ? Unesc(v->m_Value) : "");
+          for (CIMelement* v : Children(a, "VALUE"))
+            values.push_back(v->m_Value ? Unesc(v->m_Value) : "");
         } else if (CIMelement* v = Find(nv, "VALUE")) {
           values.push_back(v->m_Value ? Unesc(v->m_Value) : "");
         }
@@ -594,10 +618,11 @@ std::string CimServer::intrinsic(CIMelement* call, const std::string& id) {
       nsXml += "<NAMESPACE NAME=\"" + Esc(ns.substr(from)) + "\"/>\n";
       for (SimClass* c : family(cls))
         for (const SimInstance& i : c->instances)
-          out += "<VALUE.OBJECTWITHPATH>\n<INSTANCEPATH>\n<NAMESPACEPATH>\n<HOST>localhost</HOST>\n"
-                 "<LOCALNAMESPACEPATH>\n" + nsXml + "</LOCALNAMESPACEPATH>\n</NAMESPACEPATH>\n" +
-                 NameXml(*c, i) + "</INSTANCEPATH>\n" + InstanceXml(*c, i) +
-                 "</VALUE.OBJECTWITHPATH>\n";
+          out +=
+              "<VALUE.OBJECTWITHPATH>\n<INSTANCEPATH>\n<NAMESPACEPATH>\n<HOST>localhost</HOST>\n"
+              "<LOCALNAMESPACEPATH>\n" +
+              nsXml + "</LOCALNAMESPACEPATH>\n</NAMESPACEPATH>\n" + NameXml(*c, i) +
+              "</INSTANCEPATH>\n" + InstanceXml(*c, i) + "</VALUE.OBJECTWITHPATH>\n";
     } else if (method == "CreateClass" || method == "ModifyClass") {
       const bool create = method == "CreateClass";
       CIMelement* cls = Find(params.get(create ? "NewClass" : "ModifiedClass"), "CLASS");
@@ -634,15 +659,16 @@ std::string CimServer::intrinsic(CIMelement* call, const std::string& id) {
       // The class goes with its subclasses and all their instances.
       repo_.classes.erase(std::remove_if(repo_.classes.begin(), repo_.classes.end(),
                                          [&](const SimClass& c) {
-                                           return SameNoCase(c.ns, ns) && repo_.isA(ns, c.name, name);
+                                           return SameNoCase(c.ns, ns) &&
+                                                  repo_.isA(ns, c.name, name);
                                          }),
                           repo_.classes.end());
     } else {
       Fail(kNotSupported, method);
     }
   } catch (const CimError& e) {
-    return Envelope(id, "<IMETHODRESPONSE NAME=\"" + Esc(method) + "\">\n" + ErrorXml(e.code, e.text) +
-                            "</IMETHODRESPONSE>\n");
+    return Envelope(id, "<IMETHODRESPONSE NAME=\"" + Esc(method) + "\">\n" +
+                            ErrorXml(e.code, e.text) + "</IMETHODRESPONSE>\n");
   }
   return Envelope(id, "<IMETHODRESPONSE NAME=\"" + Esc(method) + "\">\n<IRETURNVALUE>\n" + out +
                           "</IRETURNVALUE>\n</IMETHODRESPONSE>\n");
@@ -670,10 +696,12 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
     }
     auto number = [&](const char* param) -> long {
       const auto v = in.find(Lower(param));
-      if (v == in.end() || v->second.empty()) Fail(kInvalidParameter, std::string(param) + " missing");
+      if (v == in.end() || v->second.empty())
+        Fail(kInvalidParameter, std::string(param) + " missing");
       char* end = nullptr;
       const long n = std::strtol(v->second[0].c_str(), &end, 10);
-      if (end == v->second[0].c_str()) Fail(kInvalidParameter, std::string(param) + " is not a number");
+      if (end == v->second[0].c_str())
+        Fail(kInvalidParameter, std::string(param) + " is not a number");
       return n;
     };
     std::lock_guard<std::mutex> lk(modelMu_);
@@ -699,7 +727,8 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
       if (state == 2 || state == 3) {
         const SimInstance before = *target;
         if (c->prop("EnabledState")) (*target)["EnabledState"] = {std::to_string(state)};
-        if (c->prop("OperationalStatus")) (*target)["OperationalStatus"] = {state == 2 ? "2" : "10"};
+        if (c->prop("OperationalStatus"))
+          (*target)["OperationalStatus"] = {state == 2 ? "2" : "10"};
         rc = 0;
         if (before != *target) lifecycle("CIM_InstModification", ns, *c, *target, &before);
       } else if (state == 11) {
@@ -713,8 +742,9 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
       if (system && !system->instances.empty())
         outParams = "<PARAMVALUE NAME=\"Root\" PARAMTYPE=\"reference\">\n<VALUE.REFERENCE>\n" +
                     NameXml(*system, system->instances[0]) + "</VALUE.REFERENCE>\n</PARAMVALUE>\n";
-      outParams += "<PARAMVALUE NAME=\"Devices\" PARAMTYPE=\"string\" EmbeddedObject=\"instance\">\n"
-                   "<VALUE.ARRAY>\n";
+      outParams +=
+          "<PARAMVALUE NAME=\"Devices\" PARAMTYPE=\"string\" EmbeddedObject=\"instance\">\n"
+          "<VALUE.ARRAY>\n";
       for (const SimClass& k : repo_.classes) {
         if (!SameNoCase(k.ns, ns) || SameNoCase(k.name, "CIM_ComputerSystem")) continue;
         for (const SimInstance& i : k.instances)
@@ -725,7 +755,8 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
     } else if (SameNoCase(method, "RaiseAlert")) {
       const auto msg = in.find("message");
       alertText = msg != in.end() && !msg->second.empty() ? msg->second[0] : "alert";
-      alertSeverity = in.count("perceivedseverity") ? static_cast<int>(number("PerceivedSeverity")) : 2;
+      alertSeverity =
+          in.count("perceivedseverity") ? static_cast<int>(number("PerceivedSeverity")) : 2;
       rc = 0;
     } else if (SameNoCase(method, "Reset")) {
       rc = 0;
@@ -733,11 +764,12 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
     out = "<RETURNVALUE PARAMTYPE=\"" + Esc(m->type.empty() ? "uint32" : m->type) + "\">\n<VALUE>" +
           std::to_string(rc) + "</VALUE>\n</RETURNVALUE>\n" + outParams;
   } catch (const CimError& e) {
-    return Envelope(id, "<METHODRESPONSE NAME=\"" + Esc(method) + "\">\n" + ErrorXml(e.code, e.text) +
-                            "</METHODRESPONSE>\n");
+    return Envelope(id, "<METHODRESPONSE NAME=\"" + Esc(method) + "\">\n" +
+                            ErrorXml(e.code, e.text) + "</METHODRESPONSE>\n");
   }
   if (alertSeverity >= 0) raiseAlert(alertText, alertSeverity);
-  return Envelope(id, "<METHODRESPONSE NAME=\"" + Esc(method) + "\">\n" + out + "</METHODRESPONSE>\n");
+  return Envelope(id,
+                  "<METHODRESPONSE NAME=\"" + Esc(method) + "\">\n" + out + "</METHODRESPONSE>\n");
 }
 
 // --- indications ------------------------------------------------------------------------
@@ -745,7 +777,8 @@ std::string CimServer::extrinsic(CIMelement* call, const std::string& id) {
 namespace {
 
 bool Bookkeeping(const SimRepository& repo, const std::string& ns, const std::string& cls) {
-  return repo.isA(ns, cls, "CIM_IndicationFilter") || repo.isA(ns, cls, "CIM_ListenerDestination") ||
+  return repo.isA(ns, cls, "CIM_IndicationFilter") ||
+         repo.isA(ns, cls, "CIM_ListenerDestination") ||
          repo.isA(ns, cls, "CIM_IndicationSubscription");
 }
 
@@ -754,21 +787,25 @@ bool Bookkeeping(const SimRepository& repo, const std::string& ns, const std::st
 void CimServer::lifecycle(const char* indicationClass, const std::string& ns, const SimClass& c,
                           const SimInstance& now, const SimInstance* before) {
   if (Bookkeeping(repo_, ns, c.name)) return;
-  std::string props = Prop("SourceInstanceModelPath", "string", ModelPath(ns, c, now)) +
-                      Prop("SourceInstance", "string", InstanceXml(c, now), " EmbeddedObject=\"object\"");
+  std::string props =
+      Prop("SourceInstanceModelPath", "string", ModelPath(ns, c, now)) +
+      Prop("SourceInstance", "string", InstanceXml(c, now), " EmbeddedObject=\"object\"");
   if (before)
-    props += Prop("PreviousInstance", "string", InstanceXml(c, *before), " EmbeddedObject=\"object\"");
+    props +=
+        Prop("PreviousInstance", "string", InstanceXml(c, *before), " EmbeddedObject=\"object\"");
   exportIndication(indicationClass, ns, c.name, props);
 }
 
 int CimServer::raiseAlert(const std::string& message, int severity) {
   std::lock_guard<std::mutex> lk(modelMu_);
   const std::string props =
-      Prop("AlertType", "uint16", "5") + Prop("PerceivedSeverity", "uint16", std::to_string(severity)) +
+      Prop("AlertType", "uint16", "5") +
+      Prop("PerceivedSeverity", "uint16", std::to_string(severity)) +
       Prop("Description", "string", message) + Prop("ProbableCause", "uint16", "1") +
       Prop("SystemName", "string", kSystemName) +
       Prop("AlertingManagedElement", "string",
-           std::string("root/cimv2:CIM_ComputerSystem.CreationClassName=\"CIM_ComputerSystem\",Name=\"") +
+           std::string(
+               "root/cimv2:CIM_ComputerSystem.CreationClassName=\"CIM_ComputerSystem\",Name=\"") +
                kSystemName + "\"");
   return exportIndication("CIM_AlertIndication", "root/cimv2", "", props);
 }
@@ -822,14 +859,17 @@ int CimServer::exportIndication(const std::string& indicationClass, const std::s
   int count = 0;
   for (Export& e : queued) {
     const unsigned long n = nextIndication_++;
-    e.body = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
-             "<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">\n<MESSAGE ID=\"" + std::to_string(n) +
-             "\" PROTOCOLVERSION=\"1.0\">\n<SIMPLEEXPREQ>\n<EXPMETHODCALL NAME=\"ExportIndication\">\n"
-             "<EXPPARAMVALUE NAME=\"NewIndication\">\n<INSTANCE CLASSNAME=\"" + indicationClass + "\">\n" +
-             Prop("IndicationIdentifier", "string", "oxsim:" + std::to_string(n)) +
-             Prop("IndicationTime", "datetime", Datetime()) +
-             Prop("SourceInstanceHost", "string", "127.0.0.1") + props +
-             "</INSTANCE>\n</EXPPARAMVALUE>\n</EXPMETHODCALL>\n</SIMPLEEXPREQ>\n</MESSAGE>\n</CIM>\n";
+    e.body =
+        "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n"
+        "<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">\n<MESSAGE ID=\"" +
+        std::to_string(n) +
+        "\" PROTOCOLVERSION=\"1.0\">\n<SIMPLEEXPREQ>\n<EXPMETHODCALL NAME=\"ExportIndication\">\n"
+        "<EXPPARAMVALUE NAME=\"NewIndication\">\n<INSTANCE CLASSNAME=\"" +
+        indicationClass + "\">\n" +
+        Prop("IndicationIdentifier", "string", "oxsim:" + std::to_string(n)) +
+        Prop("IndicationTime", "datetime", Datetime()) +
+        Prop("SourceInstanceHost", "string", "127.0.0.1") + props +
+        "</INSTANCE>\n</EXPPARAMVALUE>\n</EXPMETHODCALL>\n</SIMPLEEXPREQ>\n</MESSAGE>\n</CIM>\n";
     if (stopping_ || exports_.size() >= opt_.deliveryQueue) {
       ++failed_;
       continue;
@@ -917,15 +957,16 @@ bool CimServer::deliver(const Export& e) {
     pollfd p{fd, POLLOUT, 0};
     int err = 0;
     socklen_t len = sizeof err;
-    if (poll(&p, 1, timeout) != 1 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0)
+    if (poll(&p, 1, timeout) != 1 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 ||
+        err != 0)
       return false;
   }
-  const std::string request = "POST " + e.path + " HTTP/1.1\r\nHost: " + e.host + ":" +
-                              std::to_string(e.port) +
-                              "\r\nContent-Type: application/xml; charset=\"utf-8\"\r\n"
-                              "CIMExport: MethodRequest\r\nCIMExportMethod: ExportIndication\r\n"
-                              "Content-Length: " + std::to_string(e.body.size()) +
-                              "\r\nConnection: close\r\n\r\n" + e.body;
+  const std::string request =
+      "POST " + e.path + " HTTP/1.1\r\nHost: " + e.host + ":" + std::to_string(e.port) +
+      "\r\nContent-Type: application/xml; charset=\"utf-8\"\r\n"
+      "CIMExport: MethodRequest\r\nCIMExportMethod: ExportIndication\r\n"
+      "Content-Length: " +
+      std::to_string(e.body.size()) + "\r\nConnection: close\r\n\r\n" + e.body;
   for (std::size_t sent = 0; sent < request.size();) {
     pollfd p{fd, POLLOUT, 0};
     if (poll(&p, 1, timeout) != 1) return false;

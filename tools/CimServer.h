@@ -63,8 +63,8 @@ struct Fault {
 bool ParseFault(const std::string& text, Fault& fault, std::string& error);
 
 struct CimServerOptions {
-  HttpOptions http;                  // address, port, TLS files, pool and limits
-  std::string user = "admin";        // empty: no authentication
+  HttpOptions http;            // address, port, TLS files, pool and limits
+  std::string user = "admin";  // empty: no authentication
   std::string password = "secret";
   int deliveryAttempts = 3;          // per indication and destination
   int deliveryRetryMs = 200;         // pause between attempts

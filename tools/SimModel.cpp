@@ -70,12 +70,23 @@ std::string Esc(const std::string& s) {
   out.reserve(s.size());
   for (char c : s) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -102,7 +113,8 @@ std::string Unesc(const std::string& s) {
         const std::size_t semi = s.find(';', i);
         if (semi != std::string::npos && semi - i < 10) {
           const bool hex = s[i + 2] == 'x' || s[i + 2] == 'X';
-          const unsigned long v = std::strtoul(s.c_str() + i + (hex ? 3 : 2), nullptr, hex ? 16 : 10);
+          const unsigned long v =
+              std::strtoul(s.c_str() + i + (hex ? 3 : 2), nullptr, hex ? 16 : 10);
           if (v > 0 && v < 128) {
             out += static_cast<char>(v);
             i = semi + 1;
@@ -180,7 +192,8 @@ std::string ClassXml(const SimClass& c) {
               : TypeAttrs(p.name, p.type));
     if (p.key)
       x += ">\n<QUALIFIER NAME=\"Key\" TYPE=\"boolean\" OVERRIDABLE=\"false\">\n"
-           "<VALUE>true</VALUE>\n</QUALIFIER>\n</" + tag + ">\n";
+           "<VALUE>true</VALUE>\n</QUALIFIER>\n</" +
+           tag + ">\n";
     else
       x += "/>\n";
   }
@@ -188,7 +201,7 @@ std::string ClassXml(const SimClass& c) {
     x += "<METHOD" + TypeAttrs(m.name, m.type) + ">\n";
     for (const SimParameter& p : m.params) {
       const bool ref = p.type.compare(0, 4, "ref:") == 0;
-      const std::string tag = ref ? (p.array ? "PARAMETER.REFARRAY" : "PARAMETER.REFERENCE")
+      const std::string tag = ref       ? (p.array ? "PARAMETER.REFARRAY" : "PARAMETER.REFERENCE")
                               : p.array ? "PARAMETER.ARRAY"
                                         : "PARAMETER";
       x += "<" + tag +
@@ -211,8 +224,8 @@ std::string NameXml(const SimClass& c, const SimInstance& i) {
     if (p.type == "reference")
       x += "<VALUE.REFERENCE>\n" + v->second[0] + "\n</VALUE.REFERENCE>\n";
     else
-      x += std::string("<KEYVALUE VALUETYPE=\"") + ValueType(p.type) + "\">" +
-           Esc(v->second[0]) + "</KEYVALUE>\n";
+      x += std::string("<KEYVALUE VALUETYPE=\"") + ValueType(p.type) + "\">" + Esc(v->second[0]) +
+           "</KEYVALUE>\n";
     x += "</KEYBINDING>\n";
   }
   return x + "</INSTANCENAME>\n";
@@ -402,7 +415,9 @@ std::string Comparable(const SimProperty& p, const std::string& value) {
 SimRepository SimRepository::BuiltIn() {
   const std::string system = "SN-4C3A0012", cs = "CIM_ComputerSystem";
   const auto key = [](const char* n, const char* t) { return SimProperty{n, t, true, false, ""}; };
-  const auto prop = [](const char* n, const char* t) { return SimProperty{n, t, false, false, ""}; };
+  const auto prop = [](const char* n, const char* t) {
+    return SimProperty{n, t, false, false, ""};
+  };
   const auto arr = [](const char* n, const char* t) { return SimProperty{n, t, false, true, ""}; };
   const auto ref = [](const char* n, const char* c, bool k) {
     return SimProperty{n, "reference", k, false, c};
@@ -417,14 +432,14 @@ SimRepository SimRepository::BuiltIn() {
   std::vector<SimClass>& m = r.classes;
 
   SimClass sys{"root/cimv2", cs, "CIM_System", {}, {stateChange}, {}};
-  sys.methods.push_back({"GetStorageDeviceTree",
-                         "uint32",
-                         {{"Root", "ref:CIM_ComputerSystem", false, true},
-                          {"Devices", "string", true, true}}});
-  sys.methods.push_back({"RaiseAlert",
-                         "uint32",
-                         {{"Message", "string", false, false},
-                          {"PerceivedSeverity", "uint16", false, false}}});
+  sys.methods.push_back(
+      {"GetStorageDeviceTree",
+       "uint32",
+       {{"Root", "ref:CIM_ComputerSystem", false, true}, {"Devices", "string", true, true}}});
+  sys.methods.push_back(
+      {"RaiseAlert",
+       "uint32",
+       {{"Message", "string", false, false}, {"PerceivedSeverity", "uint16", false, false}}});
   sys.props = {key("CreationClassName", "string"), key("Name", "string"),
                prop("ElementName", "string"),      prop("NameFormat", "string"),
                arr("Dedicated", "uint16"),         arr("OperationalStatus", "uint16"),
@@ -443,7 +458,8 @@ SimRepository SimRepository::BuiltIn() {
       key("SystemCreationClassName", "string"), key("SystemName", "string"),
       key("CreationClassName", "string"), key("DeviceID", "string")};
 
-  SimClass vol{"root/cimv2", "CIM_StorageVolume", "CIM_StorageExtent", deviceKeys, {stateChange}, {}};
+  SimClass vol{"root/cimv2", "CIM_StorageVolume", "CIM_StorageExtent",
+               deviceKeys,   {stateChange},       {}};
   for (const SimProperty& p :
        {prop("ElementName", "string"), prop("Name", "string"), prop("NameFormat", "uint16"),
         prop("BlockSize", "uint64"), prop("NumberOfBlocks", "uint64"),
@@ -460,22 +476,21 @@ SimRepository SimRepository::BuiltIn() {
     const unsigned block = n == 10 ? 4096 : 512;
     const unsigned long long blocks = gib[n] * (1073741824ull / block);
     const bool degraded = n == 6, stopped = n == 11;
-    vol.instances.push_back(
-        {{"SystemCreationClassName", {cs}},
-         {"SystemName", {system}},
-         {"CreationClassName", {"CIM_StorageVolume"}},
-         {"DeviceID", {id}},
-         {"ElementName", {names[n]}},
-         {"Name", {wwn}},
-         {"NameFormat", {"2"}},
-         {"BlockSize", {std::to_string(block)}},
-         {"NumberOfBlocks", {std::to_string(blocks)}},
-         {"ConsumableBlocks", {std::to_string(blocks - 2048)}},
-         {"OperationalStatus", degraded  ? std::vector<std::string>{"3", "32768"}
-                               : stopped ? std::vector<std::string>{"10"}
-                                         : std::vector<std::string>{"2"}},
-         {"HealthState", {degraded ? "10" : "5"}},
-         {"Primordial", {"false"}}});
+    vol.instances.push_back({{"SystemCreationClassName", {cs}},
+                             {"SystemName", {system}},
+                             {"CreationClassName", {"CIM_StorageVolume"}},
+                             {"DeviceID", {id}},
+                             {"ElementName", {names[n]}},
+                             {"Name", {wwn}},
+                             {"NameFormat", {"2"}},
+                             {"BlockSize", {std::to_string(block)}},
+                             {"NumberOfBlocks", {std::to_string(blocks)}},
+                             {"ConsumableBlocks", {std::to_string(blocks - 2048)}},
+                             {"OperationalStatus", degraded ? std::vector<std::string>{"3", "32768"}
+                                                   : stopped ? std::vector<std::string>{"10"}
+                                                             : std::vector<std::string>{"2"}},
+                             {"HealthState", {degraded ? "10" : "5"}},
+                             {"Primordial", {"false"}}});
   }
   m.push_back(vol);
 
@@ -522,12 +537,13 @@ SimRepository SimRepository::BuiltIn() {
       key("SystemCreationClassName", "string"), key("SystemName", "string"),
       key("CreationClassName", "string"), key("Name", "string")};
   SimClass filter{"root/interop", "CIM_IndicationFilter", "CIM_ManagedElement", systemKeys, {}, {}};
-  for (const SimProperty& p : {prop("ElementName", "string"), prop("Query", "string"),
-                               prop("QueryLanguage", "string"), prop("SourceNamespace", "string"),
-                               arr("SourceNamespaces", "string")})
+  for (const SimProperty& p :
+       {prop("ElementName", "string"), prop("Query", "string"), prop("QueryLanguage", "string"),
+        prop("SourceNamespace", "string"), arr("SourceNamespaces", "string")})
     filter.props.push_back(p);
   m.push_back(filter);
-  SimClass dest{"root/interop", "CIM_ListenerDestination", "CIM_ManagedElement", systemKeys, {}, {}};
+  SimClass dest{
+      "root/interop", "CIM_ListenerDestination", "CIM_ManagedElement", systemKeys, {}, {}};
   for (const SimProperty& p : {prop("ElementName", "string"), prop("Destination", "string"),
                                prop("PersistenceType", "uint16"), prop("Protocol", "uint16")})
     dest.props.push_back(p);

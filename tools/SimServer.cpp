@@ -35,8 +35,8 @@ std::string Base64(const std::string& in) {
   std::string out;
   std::size_t i = 0;
   for (; i + 2 < in.size(); i += 3) {
-    const unsigned v = (unsigned char)in[i] << 16 | (unsigned char)in[i + 1] << 8 |
-                       (unsigned char)in[i + 2];
+    const unsigned v =
+        (unsigned char)in[i] << 16 | (unsigned char)in[i + 1] << 8 | (unsigned char)in[i + 2];
     out += {digits[v >> 18], digits[v >> 12 & 63], digits[v >> 6 & 63], digits[v & 63]};
   }
   if (i + 1 == in.size()) {
@@ -91,8 +91,12 @@ std::string RecordedRequest::header(const std::string& name) const {
 
 namespace {
 
-struct PkeyFree { void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); } };
-struct X509Free { void operator()(X509* p) const { X509_free(p); } };
+struct PkeyFree {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+struct X509Free {
+  void operator()(X509* p) const { X509_free(p); }
+};
 using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using X509Ptr = std::unique_ptr<X509, X509Free>;
 
@@ -196,8 +200,8 @@ TestPki::TestPki() {
 }
 
 TestPki::~TestPki() {
-  for (const std::string* f : {&caFile, &serverCert, &serverKey, &clientCert, &clientKey,
-                               &otherCaFile})
+  for (const std::string* f :
+       {&caFile, &serverCert, &serverKey, &clientCert, &clientKey, &otherCaFile})
     if (!f->empty()) unlink(f->c_str());
   if (!dir.empty()) rmdir(dir.c_str());
 }
@@ -286,13 +290,20 @@ void parseHead(const std::string& head, RecordedRequest& req) {
 
 const char* reasonOf(int status) {
   switch (status) {
-    case 400: return "Bad Request";
-    case 408: return "Request Timeout";
-    case 413: return "Payload Too Large";
-    case 431: return "Request Header Fields Too Large";
-    case 500: return "Internal Server Error";
-    case 501: return "Not Implemented";
-    default: return "Error";
+    case 400:
+      return "Bad Request";
+    case 408:
+      return "Request Timeout";
+    case 413:
+      return "Payload Too Large";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 500:
+      return "Internal Server Error";
+    case 501:
+      return "Not Implemented";
+    default:
+      return "Error";
   }
 }
 
@@ -583,7 +594,8 @@ ScriptedServer::ScriptedServer(const Options& options)
     http.keyFile = options.tls->serverKey;
     if (options.requireClientCert) http.clientCaFile = options.tls->caFile;
   }
-  server_ = std::make_unique<HttpServer>(http, [this](const RecordedRequest& r) { return answer(r); });
+  server_ =
+      std::make_unique<HttpServer>(http, [this](const RecordedRequest& r) { return answer(r); });
   std::string error;
   if (!server_->start(error)) throw std::runtime_error("ScriptedServer: " + error);
 }

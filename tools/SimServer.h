@@ -90,16 +90,16 @@ class TestPki {
 
 struct HttpOptions {
   std::string address = "127.0.0.1";
-  int port = 0;                    // 0: ephemeral
-  std::string certFile, keyFile;   // both set: HTTPS
-  std::string clientCaFile;        // set (with TLS): demand a client certificate from this CA
-  int threads = 8;                 // worker pool: connections served at the same time
-  std::size_t maxConnections = 64; // served + waiting; more are closed at once
+  int port = 0;                     // 0: ephemeral
+  std::string certFile, keyFile;    // both set: HTTPS
+  std::string clientCaFile;         // set (with TLS): demand a client certificate from this CA
+  int threads = 8;                  // worker pool: connections served at the same time
+  std::size_t maxConnections = 64;  // served + waiting; more are closed at once
   std::size_t maxHeaderBytes = 64 * 1024;
   std::size_t maxBodyBytes = 32u << 20;
-  int idleTimeoutMs = 5000;        // keep-alive connection without a request
-  int readTimeoutMs = 10000;       // a request that stops arriving half-way
-  bool keepAlive = true;           // false: one request per connection
+  int idleTimeoutMs = 5000;   // keep-alive connection without a request
+  int readTimeoutMs = 10000;  // a request that stops arriving half-way
+  bool keepAlive = true;      // false: one request per connection
 };
 
 class HttpServer {

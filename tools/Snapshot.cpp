@@ -43,7 +43,8 @@ bool TakeSnapshot(oxCIM::CIMcontainer& conn, const std::string& dir, std::string
     return false;
   }
   for (unsigned long n = 0; n < names.argc; ++n)
-    if (names.argv[n] && !repo.hasNamespace(names.argv[n])) repo.namespaces.push_back(names.argv[n]);
+    if (names.argv[n] && !repo.hasNamespace(names.argv[n]))
+      repo.namespaces.push_back(names.argv[n]);
   if (!repo.hasNamespace("root/interop")) repo.namespaces.push_back("root/interop");
 
   for (const std::string& ns : repo.namespaces) {

@@ -92,14 +92,17 @@ int main(int argc, char** argv) {
       faults.push_back(f);
     } else if (a == "--threads") {
       more(1);
-      if (!Number(argv[++i], 1, 256, n)) return std::fprintf(stderr, "oxcim-sim: bad thread count\n"), 2;
+      if (!Number(argv[++i], 1, 256, n))
+        return std::fprintf(stderr, "oxcim-sim: bad thread count\n"), 2;
       opt.http.threads = static_cast<int>(n);
     } else if (a == "--alert-every") {
       more(1);
-      if (!Number(argv[++i], 1, 86400, alertEvery)) return std::fprintf(stderr, "oxcim-sim: bad interval\n"), 2;
+      if (!Number(argv[++i], 1, 86400, alertEvery))
+        return std::fprintf(stderr, "oxcim-sim: bad interval\n"), 2;
     } else if (a == "--seconds") {
       more(1);
-      if (!Number(argv[++i], 1, 31536000, seconds)) return std::fprintf(stderr, "oxcim-sim: bad duration\n"), 2;
+      if (!Number(argv[++i], 1, 31536000, seconds))
+        return std::fprintf(stderr, "oxcim-sim: bad duration\n"), 2;
     } else {
       std::fprintf(stderr, "oxcim-sim: unknown option %s\n%s", a.c_str(), kUsage);
       return 2;
@@ -136,9 +139,9 @@ int main(int argc, char** argv) {
     timespec tick{1, 0};
     const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
     if (sig == SIGINT || sig == SIGTERM) break;
-    const long elapsed = static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(
-                                               std::chrono::steady_clock::now() - begin)
-                                               .count());
+    const long elapsed = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin)
+            .count());
     if (alertEvery > 0 && elapsed / alertEvery > lastAlert) {
       lastAlert = elapsed / alertEvery;
       server.raiseAlert("periodic alert " + std::to_string(lastAlert), 2);
