@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -461,6 +462,10 @@ void HttpServer::serve(int fd) {
       ERR_clear_error();
     }
   } guard{ssl};
+  // Bounds the blocking calls poll() does not guard: the TLS handshake and every write.
+  const timeval limit{opt_.readTimeoutMs / 1000, (opt_.readTimeoutMs % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (sslCtx_) {
     ssl = SSL_new(static_cast<SSL_CTX*>(sslCtx_));
     if (!ssl) return;
