@@ -12,7 +12,10 @@
 // DeleteClass, GetInstance, EnumerateInstances, EnumerateInstanceNames, CreateInstance,
 // ModifyInstance (the InstanceName inside VALUE.NAMEDINSTANCE, or DSP0200's
 // ModifiedInstance parameter), DeleteInstance, ExecQuery ("select * from CLASS", WQL or
-// DMTF:CQL), GetProperty, SetProperty. Others answer CIM_ERR_NOT_SUPPORTED.
+// DMTF:CQL), GetProperty, SetProperty. Others answer CIM_ERR_NOT_SUPPORTED. ModifyInstance
+// changes the properties the modified instance carries (of those, the PropertyList's);
+// EnumerateInstances and ExecQuery include subclasses; DeleteClass takes the subclasses and
+// every instance along.
 //
 // Methods (METHODCALL): RequestStateChange (volumes, the system), GetStorageDeviceTree and
 // RaiseAlert (the system), Reset (disks).
