@@ -607,6 +607,12 @@ TEST(SimServer, BoundsAndPromptStop) {
   };
   for (const auto& t : cases)
     EXPECT_EQ(oxtest::RawExchange(server->port(), t.request).rfind(t.status, 0), 0u) << t.status;
+  // Keep-alive, pipelined: both answered on one connection, which the second one closes.
+  EXPECT_EQ(Count(oxtest::RawExchange(server->port(),
+                                      "GET /cimom HTTP/1.1\r\n\r\n"
+                                      "GET /cimom HTTP/1.1\r\nConnection: close\r\n\r\n"),
+                  "HTTP/1.1 405 "),
+            2);
   // A silent peer and a half-sent request hold connections; stop is still prompt.
   const int silent = oxtest::Connect(server->port());
   const int half = oxtest::Connect(server->port());
@@ -799,10 +805,10 @@ TEST(SimulatorLoad, EightClientsMixedOperations) {
   EXPECT_EQ(done.load(), kThreads * kOps);
   EXPECT_EQ(server->repository().find("root/cimv2", "CIM_StorageVolume")->instances.size(), 12u);
   EXPECT_LT(elapsed, std::chrono::minutes(5));
-  std::printf("load: %d operations in %lld ms, %zu requests\n", kThreads * kOps,
+  std::printf("load: %d operations in %lld ms, %zu requests on %zu connections\n", kThreads * kOps,
               static_cast<long long>(
                   std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
-              server->requestCount());
+              server->requestCount(), server->connectionCount());
 }
 
 }  // namespace

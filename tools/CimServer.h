@@ -104,6 +104,7 @@ class CimServer {
   // A copy of what the server holds now.
   SimRepository repository() const;
   std::size_t requestCount() const { return requests_.load(); }
+  std::size_t connectionCount() const { return http_.connectionCount(); }
 
  private:
   struct Export {
