@@ -42,37 +42,29 @@ enum : int {
   kInvalidSuperclass = 10,
 };
 
+// DSP0200's names of the status codes 1 to 20, for descriptions.
 const char* CodeName(int code) {
-  switch (code) {
-    case kFailed:
-      return "CIM_ERR_FAILED";
-    case kInvalidNamespace:
-      return "CIM_ERR_INVALID_NAMESPACE";
-    case kInvalidParameter:
-      return "CIM_ERR_INVALID_PARAMETER";
-    case kInvalidClass:
-      return "CIM_ERR_INVALID_CLASS";
-    case kNotFound:
-      return "CIM_ERR_NOT_FOUND";
-    case kNotSupported:
-      return "CIM_ERR_NOT_SUPPORTED";
-    case kClassHasChildren:
-      return "CIM_ERR_CLASS_HAS_CHILDREN";
-    case kInvalidSuperclass:
-      return "CIM_ERR_INVALID_SUPERCLASS";
-    case kAlreadyExists:
-      return "CIM_ERR_ALREADY_EXISTS";
-    case kNoSuchProperty:
-      return "CIM_ERR_NO_SUCH_PROPERTY";
-    case kQueryLanguageNotSupported:
-      return "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED";
-    case kInvalidQuery:
-      return "CIM_ERR_INVALID_QUERY";
-    case kMethodNotFound:
-      return "CIM_ERR_METHOD_NOT_FOUND";
-    default:
-      return "CIM_ERR_FAILED";
-  }
+  static const char* const kNames[] = {"CIM_ERR_FAILED",
+                                       "CIM_ERR_ACCESS_DENIED",
+                                       "CIM_ERR_INVALID_NAMESPACE",
+                                       "CIM_ERR_INVALID_PARAMETER",
+                                       "CIM_ERR_INVALID_CLASS",
+                                       "CIM_ERR_NOT_FOUND",
+                                       "CIM_ERR_NOT_SUPPORTED",
+                                       "CIM_ERR_CLASS_HAS_CHILDREN",
+                                       "CIM_ERR_CLASS_HAS_INSTANCES",
+                                       "CIM_ERR_INVALID_SUPERCLASS",
+                                       "CIM_ERR_ALREADY_EXISTS",
+                                       "CIM_ERR_NO_SUCH_PROPERTY",
+                                       "CIM_ERR_TYPE_MISMATCH",
+                                       "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED",
+                                       "CIM_ERR_INVALID_QUERY",
+                                       "CIM_ERR_METHOD_NOT_AVAILABLE",
+                                       "CIM_ERR_METHOD_NOT_FOUND",
+                                       "CIM_ERR_UNEXPECTED_RESPONSE",
+                                       "CIM_ERR_INVALID_RESPONSE_DESTINATION",
+                                       "CIM_ERR_NAMESPACE_NOT_EMPTY"};
+  return code >= 1 && code <= 20 ? kNames[code - 1] : "CIM error";
 }
 
 // A failed operation: the code and its description.
