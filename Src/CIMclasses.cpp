@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
+#include <new>
 
 namespace oxCIM {
 
@@ -69,6 +71,192 @@ bool EqualNoCase(const char* a, const char* b) {
   }
 }
 
+// ---------------------------------------------------------------------------------------
+// Node pools. A large answer makes hundreds of thousands of elements and attribute arrays;
+// taken one by one from malloc they cost most of the parse and of the free, and far more
+// on a heap that other code has fragmented. Blocks are carved from slabs and recycled
+// through a free list per thread; a thread that gathers too many hands a batch to the
+// shared list, and a thread's list goes there when the thread ends. Slabs stay with the
+// pool for the life of the process. Sanitizer builds use the global heap, so that every
+// misuse of a node is still caught.
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OXCIM_POOL 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OXCIM_POOL 0
+#endif
+#endif
+#ifndef OXCIM_POOL
+#define OXCIM_POOL 1
+#endif
+
+namespace {
+
+template <size_t kSize>
+class BlockPool {
+ public:
+  static void* Take() {
+    Cache& c = t_Cache;
+    if (FreeBlock* b = c.head) {
+      c.head = b->next;
+      --c.count;
+      return b;
+    }
+    return Refill(c);
+  }
+
+  // Bytes of the blocks not on the shared list or this thread's list.
+  static size_t InUse() {
+    std::lock_guard<std::mutex> lock(s_Lock);
+    return (s_Blocks - s_FreeCount - t_Cache.count) * kSize;
+  }
+
+  static void Give(void* block) {
+    FreeBlock* b = static_cast<FreeBlock*>(block);
+    Cache& c = t_Cache;
+    if (c.retired) {  // thread-exit or static-destruction frees
+      std::lock_guard<std::mutex> lock(s_Lock);
+      b->next = s_Free;
+      s_Free = b;
+      ++s_FreeCount;
+      return;
+    }
+    if (c.head == nullptr) Retire();  // a thread that only frees still hands its list back
+    b->next = c.head;
+    c.head = b;
+    if (++c.count >= kHigh) Spill(c, kBatch);
+  }
+
+ private:
+  struct FreeBlock {
+    FreeBlock* next;
+  };
+  struct Cache {  // trivially destructible: usable until the thread's very end
+    FreeBlock* head;
+    size_t count;
+    bool retired;
+  };
+  struct Retirer {
+    ~Retirer() {
+      Cache& c = t_Cache;
+      Spill(c, c.count);
+      c.retired = true;
+    }
+  };
+
+  static constexpr size_t kBatch = 256;
+  static constexpr size_t kHigh = 4 * kBatch;
+  static constexpr size_t kSlabBlocks = (64 * 1024 - 64) / kSize;
+
+  // Moves the first n blocks of the thread's list to the shared one.
+  static void Spill(Cache& c, size_t n) {
+    if (n == 0 || c.head == nullptr) return;
+    FreeBlock* first = c.head;
+    FreeBlock* last = first;
+    size_t moved = 1;
+    while (moved < n && last->next != nullptr) last = last->next, ++moved;
+    c.head = last->next;
+    c.count -= moved;
+    std::lock_guard<std::mutex> lock(s_Lock);
+    last->next = s_Free;
+    s_Free = first;
+    s_FreeCount += moved;
+  }
+
+  static void Retire() {
+    static thread_local Retirer retirer;
+    (void)&retirer;
+  }
+
+  static void* Refill(Cache& c) {
+    Retire();
+    {
+      std::lock_guard<std::mutex> lock(s_Lock);
+      if (s_Free != nullptr) {
+        FreeBlock* first = s_Free;
+        FreeBlock* last = first;
+        size_t taken = 1;
+        while (taken < kBatch && last->next != nullptr) last = last->next, ++taken;
+        s_Free = last->next;
+        s_FreeCount -= taken;
+        last->next = nullptr;
+        c.head = first->next;
+        c.count = taken - 1;
+        return first;
+      }
+    }
+    // Slab: a link to the previous slab (keeps every slab reachable), then the blocks.
+    char* slab = static_cast<char*>(std::malloc(kSlabHeader + kSlabBlocks * kSize));
+    if (slab == nullptr) throw std::bad_alloc();
+    {
+      std::lock_guard<std::mutex> lock(s_Lock);
+      s_Blocks += kSlabBlocks;
+      *reinterpret_cast<void**>(slab) = s_Slabs;
+      s_Slabs = slab;
+    }
+    char* blocks = slab + kSlabHeader;
+    for (size_t i = 1; i + 1 < kSlabBlocks; ++i)
+      reinterpret_cast<FreeBlock*>(blocks + i * kSize)->next =
+          reinterpret_cast<FreeBlock*>(blocks + (i + 1) * kSize);
+    reinterpret_cast<FreeBlock*>(blocks + (kSlabBlocks - 1) * kSize)->next = c.head;
+    c.head = reinterpret_cast<FreeBlock*>(blocks + kSize);
+    c.count += kSlabBlocks - 1;
+    return blocks;
+  }
+
+  static constexpr size_t kSlabHeader = 16;
+  static std::mutex s_Lock;
+  static size_t s_Blocks;     // carved so far
+  static size_t s_FreeCount;  // on the shared list
+  static FreeBlock* s_Free;
+  static void* s_Slabs;
+  static thread_local Cache t_Cache;
+};
+
+template <size_t kSize> std::mutex BlockPool<kSize>::s_Lock;
+template <size_t kSize> typename BlockPool<kSize>::FreeBlock* BlockPool<kSize>::s_Free = nullptr;
+template <size_t kSize> void* BlockPool<kSize>::s_Slabs = nullptr;
+template <size_t kSize> size_t BlockPool<kSize>::s_Blocks = 0;
+template <size_t kSize> size_t BlockPool<kSize>::s_FreeCount = 0;
+template <size_t kSize> thread_local typename BlockPool<kSize>::Cache BlockPool<kSize>::t_Cache{};
+
+template <typename T>
+void* PoolNew(std::size_t size) {
+#if OXCIM_POOL
+  if (size == sizeof(T)) return BlockPool<(sizeof(T) + 7) / 8 * 8>::Take();
+#endif
+  return ::operator new(size);
+}
+
+template <typename T>
+void PoolDelete(void* block, std::size_t size) noexcept {
+  if (block == nullptr) return;
+#if OXCIM_POOL
+  if (size == sizeof(T)) return BlockPool<(sizeof(T) + 7) / 8 * 8>::Give(block);
+#endif
+  ::operator delete(block);
+}
+
+}  // namespace
+
+size_t PoolBytesInUse() {
+#if OXCIM_POOL
+  return BlockPool<(sizeof(CIMelement) + 7) / 8 * 8>::InUse() +
+         BlockPool<(sizeof(CIMarray) + 7) / 8 * 8>::InUse();
+#else
+  return 0;
+#endif
+}
+
+void* CIMarray::operator new(std::size_t size) { return PoolNew<CIMarray>(size); }
+void CIMarray::operator delete(void* block, std::size_t size) noexcept {
+  PoolDelete<CIMarray>(block, size);
+}
+void* CIMelement::operator new(std::size_t size) { return PoolNew<CIMelement>(size); }
+void CIMelement::operator delete(void* block, std::size_t size) noexcept {
+  PoolDelete<CIMelement>(block, size);
+}
 
 // ---------------------------------------------------------------------------------------
 // CIMarray

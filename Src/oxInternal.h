@@ -56,6 +56,18 @@ inline bool IsKind(const CIMelement* e, int id) {
 // Locale-aware, whole-string, case-insensitive equality used for user data.
 bool EqualNoCase(const char* a, const char* b);
 
+// Diagnostics for the tests and benchmarks (exported, not part of the public header).
+// Bytes of pooled elements and arrays in use, as the calling thread sees it: blocks that
+// other threads keep on their own free lists count as in use.
+OXCIM_API size_t PoolBytesInUse();
+// Documents read so far by each route of the parser, process-wide.
+struct ParseRouteCounts {
+  unsigned long streamed;     // whole text in one pass
+  unsigned long incremental;  // in one pass, chunk by chunk while the body arrived
+  unsigned long exact;        // search-based route (fallback or by request)
+};
+OXCIM_API ParseRouteCounts ParseRoutes();
+
 namespace trace_detail {
 
 inline void Feed(Brix::Output_Streams::CFormatStream&) {}
