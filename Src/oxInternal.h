@@ -68,6 +68,37 @@ struct ParseRouteCounts {
 };
 OXCIM_API ParseRouteCounts ParseRoutes();
 
+namespace codec {
+
+// ParseCIMXML that also hands back the list's first ERROR element (null if none).
+OXCIM_API int Parse(CIMelement* root, const std::string& text, bool allowStream,
+                    CIMelement** firstError);
+
+// Reads a CIM-XML body into `root` while it arrives. Feed takes the whole body received so
+// far after each piece; Finish, on the complete body, gives exactly what Parse would give
+// (result, list, traces, ERROR element): the pieces read in one pass when that pass
+// accepts the document, else a read of the whole body. Feed never throws; trouble there
+// only means the whole body is read at the end.
+class OXCIM_API BodyReader {
+ public:
+  explicit BodyReader(CIMelement* root);
+  ~BodyReader();
+  BodyReader(const BodyReader&) = delete;
+  BodyReader& operator=(const BodyReader&) = delete;
+
+  void Feed(const std::string& bodySoFar) noexcept;
+  int Finish(const std::string& body, CIMelement** firstError);
+  void GiveUp() noexcept;  // drops what was read; Finish then reads the whole body
+
+ private:
+  struct Engine;
+  CIMelement* m_Root;
+  Engine* m_Engine = nullptr;
+  bool m_GaveUp = false;
+};
+
+}  // namespace codec
+
 namespace trace_detail {
 
 inline void Feed(Brix::Output_Streams::CFormatStream&) {}
