@@ -1,12 +1,15 @@
 // Vocabulary tables, module identity, CIMelement, CIMclass and CIMarray.
 #include "oxInternal.h"
 
+#include <atomic>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <mutex>
 #include <new>
+#include <vector>
 
 namespace oxCIM {
 
@@ -73,18 +76,21 @@ bool EqualNoCase(const char* a, const char* b) {
 
 // ---------------------------------------------------------------------------------------
 // Node pools. A large answer makes hundreds of thousands of elements and attribute arrays;
-// taken one by one from malloc they cost most of the parse and of the free, and far more
-// on a heap that other code has fragmented. Blocks are carved from slabs and recycled
-// through a free list per thread; a thread that gathers too many hands a batch to the
-// shared list, and a thread's list goes there when the thread ends. Slabs stay with the
-// pool for the life of the process. Sanitizer builds use the global heap, so that every
-// misuse of a node is still caught.
+// taken one by one from malloc they cost much of the parse and of the free, and far more
+// on a heap that other code has fragmented. Blocks come from 64 KiB slabs, each with a
+// bitmap of its free blocks. A thread takes blocks from one slab in address order, so a
+// tree is built, walked and freed in memory order whatever order its nodes were freed
+// in; a block may be freed by any thread (one atomic bit). Slabs stay with the pool for
+// the life of the process. Sanitizer builds use the global heap, so that every misuse of
+// a node is still caught.
 
+#ifndef OXCIM_POOL
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OXCIM_POOL 0
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define OXCIM_POOL 0
+#endif
 #endif
 #endif
 #ifndef OXCIM_POOL
@@ -94,137 +100,113 @@ bool EqualNoCase(const char* a, const char* b) {
 namespace {
 
 template <size_t kSize>
-class BlockPool {
+class SlabPool {
  public:
   static void* Take() {
-    Cache& c = t_Cache;
-    if (FreeBlock* b = c.head) {
-      c.head = b->next;
-      --c.count;
-      return b;
+    for (;;) {
+      if (Slab* s = t_Current) {
+        for (size_t w = t_Word; w < kWords; ++w) {
+          uint64_t bits = s->free[w].load(std::memory_order_relaxed);
+          while (bits != 0) {
+            const uint64_t bit = bits & (~bits + 1);
+            const uint64_t old = s->free[w].fetch_and(~bit, std::memory_order_acquire);
+            if (old & bit) {
+              t_Word = w;
+              return reinterpret_cast<char*>(s) + kHeader +
+                     (w * 64 + static_cast<size_t>(__builtin_ctzll(bit))) * kSize;
+            }
+            bits = old & ~bit;
+          }
+        }
+      }
+      NextSlab();
     }
-    return Refill(c);
-  }
-
-  // Bytes of the blocks not on the shared list or this thread's list.
-  static size_t InUse() {
-    std::lock_guard<std::mutex> lock(s_Lock);
-    return (s_Blocks - s_FreeCount - t_Cache.count) * kSize;
   }
 
   static void Give(void* block) {
-    FreeBlock* b = static_cast<FreeBlock*>(block);
-    Cache& c = t_Cache;
-    if (c.retired) {  // thread-exit or static-destruction frees
-      std::lock_guard<std::mutex> lock(s_Lock);
-      b->next = s_Free;
-      s_Free = b;
-      ++s_FreeCount;
-      return;
-    }
-    if (c.head == nullptr) Retire();  // a thread that only frees still hands its list back
-    b->next = c.head;
-    c.head = b;
-    if (++c.count >= kHigh) Spill(c, kBatch);
+    const uintptr_t at = reinterpret_cast<uintptr_t>(block);
+    Slab* s = reinterpret_cast<Slab*>(at & ~static_cast<uintptr_t>(kSlabBytes - 1));
+    const size_t index = (at - reinterpret_cast<uintptr_t>(s) - kHeader) / kSize;
+    s->free[index / 64].fetch_or(uint64_t{1} << (index % 64), std::memory_order_release);
+  }
+
+  static size_t InUse() {
+    std::lock_guard<std::mutex> lock(s_Lock);
+    size_t used = 0;
+    for (Slab* s : Slabs()) used += kBlocks - FreeBlocks(s);
+    return used * kSize;
   }
 
  private:
-  struct FreeBlock {
-    FreeBlock* next;
-  };
-  struct Cache {  // trivially destructible: usable until the thread's very end
-    FreeBlock* head;
-    size_t count;
-    bool retired;
-  };
-  struct Retirer {
-    ~Retirer() {
-      Cache& c = t_Cache;
-      Spill(c, c.count);
-      c.retired = true;
-    }
+  static constexpr size_t kSlabBytes = 64 * 1024;
+  static constexpr size_t kHeader = 256;
+  static constexpr size_t kBlocks = (kSlabBytes - kHeader) / kSize;
+  static constexpr size_t kWords = (kBlocks + 63) / 64;
+  static_assert(kWords * sizeof(uint64_t) <= kHeader, "bitmap fits the slab header");
+
+  struct Slab {
+    std::atomic<uint64_t> free[kWords];  // a set bit: that block is free
   };
 
-  static constexpr size_t kBatch = 256;
-  static constexpr size_t kHigh = 4 * kBatch;
-  static constexpr size_t kSlabBlocks = (64 * 1024 - 64) / kSize;
+  static size_t FreeBlocks(Slab* s) {
+    size_t n = 0;
+    for (size_t w = 0; w < kWords; ++w)
+      n += static_cast<size_t>(__builtin_popcountll(s->free[w].load(std::memory_order_relaxed)));
+    return n;
+  }
 
-  // Moves the first n blocks of the thread's list to the shared one.
-  static void Spill(Cache& c, size_t n) {
-    if (n == 0 || c.head == nullptr) return;
-    FreeBlock* first = c.head;
-    FreeBlock* last = first;
-    size_t moved = 1;
-    while (moved < n && last->next != nullptr) last = last->next, ++moved;
-    c.head = last->next;
-    c.count -= moved;
+  // Never destroyed: blocks may be freed during static destruction.
+  static std::vector<Slab*>& Slabs() {
+    static std::vector<Slab*>* slabs = new std::vector<Slab*>;
+    return *slabs;
+  }
+
+  // Moves this thread on to a slab with a fair share of free blocks (so that a nearly
+  // full slab is not visited again and again), or to a new one.
+  static void NextSlab() {
     std::lock_guard<std::mutex> lock(s_Lock);
-    last->next = s_Free;
-    s_Free = first;
-    s_FreeCount += moved;
-  }
-
-  static void Retire() {
-    static thread_local Retirer retirer;
-    (void)&retirer;
-  }
-
-  static void* Refill(Cache& c) {
-    Retire();
-    {
-      std::lock_guard<std::mutex> lock(s_Lock);
-      if (s_Free != nullptr) {
-        FreeBlock* first = s_Free;
-        FreeBlock* last = first;
-        size_t taken = 1;
-        while (taken < kBatch && last->next != nullptr) last = last->next, ++taken;
-        s_Free = last->next;
-        s_FreeCount -= taken;
-        last->next = nullptr;
-        c.head = first->next;
-        c.count = taken - 1;
-        return first;
+    std::vector<Slab*>& slabs = Slabs();
+    for (size_t i = 0; i < slabs.size(); ++i) {
+      t_Cursor = (t_Cursor + 1) % slabs.size();
+      Slab* s = slabs[t_Cursor];
+      if (s != t_Current && FreeBlocks(s) >= kBlocks / 8) {
+        t_Current = s;
+        t_Word = 0;
+        return;
       }
     }
-    // Slab: a link to the previous slab (keeps every slab reachable), then the blocks.
-    char* slab = static_cast<char*>(std::malloc(kSlabHeader + kSlabBlocks * kSize));
-    if (slab == nullptr) throw std::bad_alloc();
-    {
-      std::lock_guard<std::mutex> lock(s_Lock);
-      s_Blocks += kSlabBlocks;
-      *reinterpret_cast<void**>(slab) = s_Slabs;
-      s_Slabs = slab;
+    void* memory = std::aligned_alloc(kSlabBytes, kSlabBytes);
+    if (memory == nullptr) throw std::bad_alloc();
+    Slab* s = new (memory) Slab;
+    for (size_t w = 0; w < kWords; ++w) {
+      const size_t left = kBlocks - w * 64;
+      s->free[w].store(left >= 64 ? ~uint64_t{0} : (uint64_t{1} << left) - 1,
+                       std::memory_order_relaxed);
     }
-    char* blocks = slab + kSlabHeader;
-    for (size_t i = 1; i + 1 < kSlabBlocks; ++i)
-      reinterpret_cast<FreeBlock*>(blocks + i * kSize)->next =
-          reinterpret_cast<FreeBlock*>(blocks + (i + 1) * kSize);
-    reinterpret_cast<FreeBlock*>(blocks + (kSlabBlocks - 1) * kSize)->next = c.head;
-    c.head = reinterpret_cast<FreeBlock*>(blocks + kSize);
-    c.count += kSlabBlocks - 1;
-    return blocks;
+    slabs.push_back(s);
+    t_Cursor = slabs.size() - 1;
+    t_Current = s;
+    t_Word = 0;
   }
 
-  static constexpr size_t kSlabHeader = 16;
   static std::mutex s_Lock;
-  static size_t s_Blocks;     // carved so far
-  static size_t s_FreeCount;  // on the shared list
-  static FreeBlock* s_Free;
-  static void* s_Slabs;
-  static thread_local Cache t_Cache;
+  static thread_local Slab* t_Current;
+  static thread_local size_t t_Word;    // first bitmap word that may still hold a free bit
+  static thread_local size_t t_Cursor;  // where the search for the next slab goes on
 };
 
-template <size_t kSize> std::mutex BlockPool<kSize>::s_Lock;
-template <size_t kSize> typename BlockPool<kSize>::FreeBlock* BlockPool<kSize>::s_Free = nullptr;
-template <size_t kSize> void* BlockPool<kSize>::s_Slabs = nullptr;
-template <size_t kSize> size_t BlockPool<kSize>::s_Blocks = 0;
-template <size_t kSize> size_t BlockPool<kSize>::s_FreeCount = 0;
-template <size_t kSize> thread_local typename BlockPool<kSize>::Cache BlockPool<kSize>::t_Cache{};
+template <size_t kSize> std::mutex SlabPool<kSize>::s_Lock;
+template <size_t kSize> thread_local typename SlabPool<kSize>::Slab* SlabPool<kSize>::t_Current = nullptr;
+template <size_t kSize> thread_local size_t SlabPool<kSize>::t_Word = 0;
+template <size_t kSize> thread_local size_t SlabPool<kSize>::t_Cursor = 0;
+
+template <typename T>
+using PoolFor = SlabPool<(sizeof(T) + 7) / 8 * 8>;
 
 template <typename T>
 void* PoolNew(std::size_t size) {
 #if OXCIM_POOL
-  if (size == sizeof(T)) return BlockPool<(sizeof(T) + 7) / 8 * 8>::Take();
+  if (size == sizeof(T)) return PoolFor<T>::Take();
 #endif
   return ::operator new(size);
 }
@@ -233,7 +215,7 @@ template <typename T>
 void PoolDelete(void* block, std::size_t size) noexcept {
   if (block == nullptr) return;
 #if OXCIM_POOL
-  if (size == sizeof(T)) return BlockPool<(sizeof(T) + 7) / 8 * 8>::Give(block);
+  if (size == sizeof(T)) return PoolFor<T>::Give(block);
 #endif
   ::operator delete(block);
 }
@@ -242,8 +224,7 @@ void PoolDelete(void* block, std::size_t size) noexcept {
 
 size_t PoolBytesInUse() {
 #if OXCIM_POOL
-  return BlockPool<(sizeof(CIMelement) + 7) / 8 * 8>::InUse() +
-         BlockPool<(sizeof(CIMarray) + 7) / 8 * 8>::InUse();
+  return PoolFor<CIMelement>::InUse() + PoolFor<CIMarray>::InUse();
 #else
   return 0;
 #endif

@@ -4,6 +4,7 @@
 #include <oxCIM.h>
 
 #include "../Src/oxInternal.h"
+#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 #include <functional>
@@ -263,6 +264,26 @@ TEST(CimXmlParse, TypicalAnswersTakeTheSinglePassRoutes) {
     EXPECT_EQ(after.exact - before.exact, 0u) << file;
     EXPECT_EQ(Dump(pieces), Dump(whole)) << file;
   }
+}
+
+// An answer that arrives in pieces over HTTP is read while it arrives.
+TEST(CimXmlParse, AnswersAreReadWhileTheyArrive) {
+  oxtest::FakeCimServer server;
+  oxtest::CannedResponse answer = oxtest::CannedResponse::cimOk(ReadFixture("resp_enum_instances.xml"));
+  answer.dripChunk = 512;
+  server.setDefault(answer);
+  oxCIM::CIMconnection c;
+  oxtest::PointAt(c, server.port());
+  c.m_Request = "<?xml version=\"1.0\"?><CIM/>";
+  char object[] = "root/cimv2";
+  const oxCIM::ParseRouteCounts before = oxCIM::ParseRoutes();
+  ASSERT_EQ(c.sendRequest_recvResponse("EnumerateInstances", object), 0);
+  const oxCIM::ParseRouteCounts after = oxCIM::ParseRoutes();
+  EXPECT_EQ(after.incremental - before.incremental, 1u);
+  EXPECT_EQ(after.streamed + after.exact, before.streamed + before.exact);
+  CIMelement whole;
+  ASSERT_EQ(whole.ParseCIMXML(c.m_Response), 0);
+  EXPECT_EQ(Dump(c.m_ResponseTree), Dump(whole));
 }
 
 // Whatever the document and wherever the pieces end, reading while the body arrives gives
