@@ -380,6 +380,11 @@ class StreamParser {
   enum Status { kAccepted = 0, kBail = -1, kMore = 1 };
 
   explicit StreamParser(CIMelement* root) : m_Tail(root) { m_Stack.reserve(32); }
+  // For a caller that has found the frame itself: reading starts at "<CIM " at `offset`.
+  void StartAt(size_t offset) {
+    m_State = kTag;
+    m_Pos = offset;
+  }
   // Reads on from where the last call stopped; `final`: the text is complete.
   Status Feed(const char* text, size_t size, bool final);
   // Traces owed for unknown attribute names, in document order.
@@ -669,6 +674,7 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
 
   if (allowStream) {
     StreamParser stream(root);
+    stream.StartAt(static_cast<size_t>(cim - src));
     if (stream.Feed(src, text.size(), true) == StreamParser::kAccepted) {
       Accepted(stream, firstError);
       g_Streamed.fetch_add(1, std::memory_order_relaxed);
