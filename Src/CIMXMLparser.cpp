@@ -164,6 +164,33 @@ inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
   return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
 }
 
+// The close-tag search of the exact engine: FindUnquoted for the element name, except that
+// only occurrences right behind "<" or "</" are returned. The others change nothing there:
+// the search just goes on behind them, and as a name holds no quote and no "<", no
+// quote, comment or tag can start inside one.
+char* FindTagName(char* p, const char* name, size_t nlen) {
+  for (;;) {
+    while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
+    const char c = *p;
+    if (c == 0) return nullptr;
+    if (c == '"' || c == '\'') {
+      p = std::strchr(p + 1, c);
+      if (p == nullptr) return nullptr;
+      ++p;
+      continue;
+    }
+    if (p[1] == '!' && p[2] == '-' && p[3] == '-') {
+      p = std::strstr(p + 4, "-->");
+      if (p == nullptr) return nullptr;
+      p += 3;
+      continue;
+    }
+    char* m = p + (p[1] == '/' ? 2 : 1);
+    if (std::strncmp(m, name, nlen) == 0) return m;
+    ++p;
+  }
+}
+
 // Appends a fresh node behind the tail of the list being built. makeNextElement walks to
 // the end of the list from the node it is called on, so calling it on the tail keeps
 // the build linear; the parent it assigns is then corrected to the one the walk from
@@ -306,7 +333,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
       char* closeLt = nullptr;
       char* after = nullptr;
       for (;;) {
-        char* m = FindUnquoted(s, name, nlen);
+        char* m = FindTagName(s, name, nlen);
         if (m == nullptr) {
           TraceMissingClose(name);
           return -1;
@@ -706,12 +733,13 @@ struct BodyReader::Engine {
   StreamParser stream;
 };
 
-BodyReader::BodyReader(CIMelement* root) : m_Root(root) {}
+BodyReader::BodyReader(CIMelement* root, size_t step) : m_Root(root), m_Step(step) {}
 
 BodyReader::~BodyReader() { delete m_Engine; }
 
 void BodyReader::Feed(const std::string& body) noexcept {
-  if (m_GaveUp) return;
+  if (m_GaveUp || body.size() - m_Fed < m_Step) return;
+  m_Fed = body.size();
   try {
     if (m_Engine == nullptr) {
       m_Root->eclean();

@@ -88,7 +88,10 @@ OXCIM_API int Parse(CIMelement* root, const std::string& text, bool allowStream,
 // only means the whole body is read at the end.
 class OXCIM_API BodyReader {
  public:
-  explicit BodyReader(CIMelement* root);
+  // step: a read step waits until this many bytes came in since the last one. Each step
+  // has a cost of its own, and on loopback larger steps read faster.
+  static constexpr size_t kDefaultStep = 256 * 1024;
+  explicit BodyReader(CIMelement* root, size_t step = kDefaultStep);
   ~BodyReader();
   BodyReader(const BodyReader&) = delete;
   BodyReader& operator=(const BodyReader&) = delete;
@@ -101,6 +104,8 @@ class OXCIM_API BodyReader {
   struct Engine;
   CIMelement* m_Root;
   Engine* m_Engine = nullptr;
+  size_t m_Step;
+  size_t m_Fed = 0;  // body length at the last read step
   bool m_GaveUp = false;
 };
 

@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   oxCIM::CIMelement pieces;
   const size_t piece = size == 0 ? 1 : 1 + data[size / 2] % 61;
   {
-    oxCIM::codec::BodyReader reader(&pieces);
+    oxCIM::codec::BodyReader reader(&pieces, 0);
     std::string body;
     for (size_t at = 0; at < text.size(); at += piece) {
       body.append(text, at, piece);

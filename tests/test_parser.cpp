@@ -251,7 +251,7 @@ TEST(CimXmlParse, TypicalAnswersTakeTheSinglePassRoutes) {
     const oxCIM::ParseRouteCounts before = oxCIM::ParseRoutes();
     CIMelement whole, pieces;
     ASSERT_EQ(whole.ParseCIMXML(text), 0) << file;
-    oxCIM::codec::BodyReader reader(&pieces);
+    oxCIM::codec::BodyReader reader(&pieces, 0);
     std::string body;
     for (size_t at = 0; at < text.size(); at += 700) {
       body.append(text, at, 700);
@@ -268,9 +268,18 @@ TEST(CimXmlParse, TypicalAnswersTakeTheSinglePassRoutes) {
 
 // An answer that arrives in pieces over HTTP is read while it arrives.
 TEST(CimXmlParse, AnswersAreReadWhileTheyArrive) {
+  // A long enumeration: the fixture's instances many times over.
+  std::string text = ReadFixture("resp_enum_instances.xml");
+  const size_t from = text.find("<VALUE.NAMEDINSTANCE>");
+  const size_t to = text.find("</IRETURNVALUE>");
+  ASSERT_LT(from, to);
+  const std::string instances = text.substr(from, to - from);
+  std::string many;
+  while (many.size() < 4 * oxCIM::codec::BodyReader::kDefaultStep) many += instances;
+  text.replace(from, to - from, many);
   oxtest::FakeCimServer server;
-  oxtest::CannedResponse answer = oxtest::CannedResponse::cimOk(ReadFixture("resp_enum_instances.xml"));
-  answer.dripChunk = 512;
+  oxtest::CannedResponse answer = oxtest::CannedResponse::cimOk(text);
+  answer.dripChunk = 64 * 1024;
   server.setDefault(answer);
   oxCIM::CIMconnection c;
   oxtest::PointAt(c, server.port());
@@ -304,7 +313,7 @@ TEST(CimXmlParse, ReadingPieceByPieceGivesWhatTheWholeTextGives) {
       const int rcWhole = oxCIM::codec::Parse(&whole, doc, true, &wholeError);
       const std::string tracesWhole = t.dump();
       t.clear();
-      oxCIM::codec::BodyReader reader(&pieces);
+      oxCIM::codec::BodyReader reader(&pieces, 0);
       std::string body;
       for (size_t at = 0; at < doc.size(); at += piece) {
         body.append(doc, at, piece);
