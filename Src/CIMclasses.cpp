@@ -3,15 +3,12 @@
 
 #include <atomic>
 #include <cctype>
-#include <condition_variable>
-#include <deque>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <mutex>
 #include <new>
-#include <thread>
 #include <vector>
 
 namespace oxCIM {
@@ -687,86 +684,12 @@ CIMclass* CIMclass::findClassName(const char* className, const char* nameSpace) 
   return nullptr;
 }
 
-namespace {
-
-// Long result lists (a repeated enumeration drops the last one before it asks again) are
-// freed by a background thread, so that the caller's next request does not wait for
-// hundreds of thousands of frees. Short lists, and any list when no thread can be had,
-// are freed on the spot.
-constexpr size_t kDeferFrom = 4096;
-
-bool IsLong(const CIMelement* list) {
-  size_t n = 0;
-  for (const CIMelement* e = list; e != nullptr; e = e->m_Next)
-    if (++n >= kDeferFrom) return true;
-  return false;
-}
-
-class Reaper {
- public:
-  static Reaper& Get() {
-    static Reaper* reaper = new Reaper;  // never destroyed: lists may be dropped at exit
-    return *reaper;
-  }
-
-  // False: the caller frees the list itself.
-  bool Take(CIMelement* list) noexcept {
-    try {
-      std::lock_guard<std::mutex> lock(m_Lock);
-      if (!m_Started) {
-        std::thread(&Reaper::Run, this).detach();
-        m_Started = true;
-      }
-      m_Queue.push_back(list);
-    } catch (...) {
-      return false;
-    }
-    m_Wake.notify_one();
-    return true;
-  }
-
-  void Drain() {
-    std::unique_lock<std::mutex> lock(m_Lock);
-    m_Idle.wait(lock, [this] { return m_Queue.empty() && !m_Busy; });
-  }
-
- private:
-  void Run() {
-    std::unique_lock<std::mutex> lock(m_Lock);
-    for (;;) {
-      m_Wake.wait(lock, [this] { return !m_Queue.empty(); });
-      CIMelement* list = m_Queue.front();
-      m_Queue.pop_front();
-      m_Busy = true;
-      lock.unlock();
-      list->eclean();
-      delete list;
-      lock.lock();
-      m_Busy = false;
-      if (m_Queue.empty()) m_Idle.notify_all();
-    }
-  }
-
-  std::mutex m_Lock;
-  std::condition_variable m_Wake;
-  std::condition_variable m_Idle;
-  std::deque<CIMelement*> m_Queue;
-  bool m_Started = false;
-  bool m_Busy = false;
-};
-
-}  // namespace
-
-void WaitForDeferredFrees() { Reaper::Get().Drain(); }
-
 void CIMclass::kill_element(CIMelement** list) {
   if (list == nullptr || *list == nullptr) return;
-  CIMelement* head = *list;
+  (*list)->eclean();
+  (*list)->eclean();
+  delete *list;
   *list = nullptr;
-  if (IsLong(head) && Reaper::Get().Take(head)) return;
-  head->eclean();
-  head->eclean();
-  delete head;
 }
 
 void CIMclass::clsClean() {

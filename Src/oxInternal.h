@@ -64,9 +64,6 @@ bool EqualNoCase(const char* a, const char* b);
 // Bytes of pooled elements and arrays in use, as the calling thread sees it: blocks that
 // other threads keep on their own free lists count as in use.
 OXCIM_API size_t PoolBytesInUse();
-// Returns once every long list that CIMclass::kill_element handed to the background
-// thread has been freed.
-OXCIM_API void WaitForDeferredFrees();
 // Documents read so far by each route of the parser, process-wide.
 struct ParseRouteCounts {
   unsigned long streamed;     // whole text in one pass

@@ -191,27 +191,20 @@ void BM_ExtractNamedInstances(benchmark::State& state) {
 }
 BENCHMARK(BM_ExtractNamedInstances)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond);
 
-// Freeing the previous result, which a repeated enumeration pays before its request: the
-// whole work (long lists go to the background thread; the round ends when it is done),
-// and in caller_ms the part the caller waits for.
+// Freeing the previous result, which a repeated enumeration pays before its request.
 void BM_FreePreviousResult(benchmark::State& state) {
   const int64_t n = state.range(0);
   oxCIM::CIMcontainer c;
   c.m_Host = "bench";
   c.setCurrentClass("OX_StorageVolume", nullptr);
-  double callerMs = 0;
   for (auto _ : state) {
     state.PauseTiming();
     if (c.m_ResponseTree.ParseCIMXML(Answer(n)) != 0 || c.ExtractNamedInstances() == 0)
       state.SkipWithError("setup failed");
     state.ResumeTiming();
-    const auto t0 = std::chrono::steady_clock::now();
     oxCIM::CIMclass::kill_element(&c.m_pcls->m_InstanceNames);
     oxCIM::CIMclass::kill_element(&c.m_pcls->m_Properties);
-    callerMs += Ms(t0, std::chrono::steady_clock::now());
-    oxCIM::WaitForDeferredFrees();
   }
-  state.counters["caller_ms"] = callerMs / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_FreePreviousResult)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond);
 
@@ -242,7 +235,6 @@ void BM_EnumerateInstancesPeakMemory(benchmark::State& state) {
     srv.setDefault(oxtest::CannedResponse::cimOk(Answer(n)));
     auto c = std::make_unique<oxCIM::CIMcontainer>();
     Point(*c, srv.port());
-    oxCIM::WaitForDeferredFrees();
     const double pooledBefore = static_cast<double>(oxCIM::PoolBytesInUse());
     memcount::Start();
     const unsigned long r = c->Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
@@ -251,7 +243,6 @@ void BM_EnumerateInstancesPeakMemory(benchmark::State& state) {
     const long long before = memcount::Current();
     oxCIM::CIMclass::kill_element(&c->m_pcls->m_InstanceNames);
     oxCIM::CIMclass::kill_element(&c->m_pcls->m_Properties);
-    oxCIM::WaitForDeferredFrees();
     // What the result lists held.
     kept = static_cast<double>(before - memcount::Current()) + pooled -
            (static_cast<double>(oxCIM::PoolBytesInUse()) - pooledBefore);
