@@ -4,7 +4,6 @@
 #include <oxCIM.h>
 
 #include "../Src/oxInternal.h"
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 #include <functional>
@@ -277,7 +276,7 @@ TEST(CimXmlParse, AnswersAreReadWhileTheyArrive) {
   std::string many;
   while (many.size() < 4 * oxCIM::codec::BodyReader::kDefaultStep) many += instances;
   text.replace(from, to - from, many);
-  oxtest::FakeCimServer server;
+  oxsim::ScriptedServer server;
   oxtest::CannedResponse answer = oxtest::CannedResponse::cimOk(text);
   answer.dripChunk = 64 * 1024;
   server.setDefault(answer);
