@@ -17,6 +17,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -711,12 +712,11 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
   }
 
   g_Exact.fetch_add(1, std::memory_order_relaxed);
-  char* copy = strdup(src);
+  std::unique_ptr<char, void (*)(void*)> copy(strdup(src), std::free);
   if (copy == nullptr) return 1001;
-  char* cursor = copy + (cim - src);
+  char* cursor = copy.get() + (cim - src);
   ExactParser exact(root);
   const int r = exact.ParseBuffer(&cursor, root, 1);
-  std::free(copy);
   *firstError = exact.FirstError();  // a failed parse keeps what it built, ERROR included
   return r == E_CIM ? 0 : 1001;
 }
@@ -785,11 +785,16 @@ ParseRouteCounts ParseRoutes() {
 
 // ---------------------------------------------------------------------------------------
 
-int CIMelement::ParseCIMXML(const std::string& text) { return codec::Parse(this, text, true); }
+int CIMelement::ParseCIMXML(const std::string& text) try {
+  return codec::Parse(this, text, true);
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return 1001;
+}
 
 // Appends piece by piece: the same bytes the per-line formats would give, without
 // building a temporary string for every line.
-int CIMelement::GenerateCIMXML(std::string& out) {
+int CIMelement::GenerateCIMXML(std::string& out) try {
   CIMelement* last = getLastElement();
   if (IsKind(this, E_CIM)) out.assign("<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n", 40);
 
@@ -842,6 +847,9 @@ int CIMelement::GenerateCIMXML(std::string& out) {
     if (e == last) return 0;
   }
   return 0;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return 1001;
 }
 
 }  // namespace oxCIM

@@ -325,14 +325,14 @@ void* CIMarray::putargv(const void* data, long len, long grow) {
       std::memset(block + offset, 0, size - offset);
     m_Lock.Leave();
     return block;
-  } catch (const char* e) {
+  } catch (...) {
     if (locked) m_Lock.Leave();
-    OX_TRACE(TRACE_ERROR, "putargv: Exception raised: %s", e);
+    OX_TRACE_EXCEPTION();
     return nullptr;
   }
 }
 
-CIMarray& CIMarray::operator=(const CIMarray& other) {
+CIMarray& CIMarray::operator=(const CIMarray& other) try {
   if (this == &other) return *this;
   if (setmaxargc(0) != 0 || setmaxargc(other.maxargc) != 0 || other.argc == 0) return *this;
   const long code = other.elemlen;
@@ -347,6 +347,9 @@ CIMarray& CIMarray::operator=(const CIMarray& other) {
       if (block != nullptr) std::memcpy(block, entry, lead);
     }
   }
+  return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
   return *this;
 }
 
@@ -394,8 +397,8 @@ CIMelement* CIMelement::makeNextElement() {
     }
     if (node->m_Next != nullptr) throw "this->m_Next is already set!";
     return node;
-  } catch (const char* e) {
-    OX_TRACE(TRACE_ERROR, "makeNextElement: Exception raised: %s", e);
+  } catch (...) {
+    OX_TRACE_EXCEPTION();
     return nullptr;
   }
 }
@@ -443,8 +446,8 @@ int CIMelement::attr_put(int attrId, const char* text) {
     if (block == nullptr) throw "cannot alloc memory!";
     block[0] = static_cast<char>(attrId + 1);
     return 0;
-  } catch (const char* e) {
-    OX_TRACE(TRACE_ERROR, "attr_put: Exception raised: %s", e);
+  } catch (...) {
+    OX_TRACE_EXCEPTION();
     return 1001;
   }
 }
@@ -572,7 +575,7 @@ int FirstAttributeId(CIMelement* e) {
 }
 }  // namespace
 
-CIMelement& CIMelement::operator=(const CIMelement& source) {
+CIMelement& CIMelement::operator=(const CIMelement& source) try {
   if (this == &source) return *this;
   // Cleaning this list first would free a source that lives inside it: copy via a temporary.
   for (const CIMelement* n = m_Next; n != nullptr; n = n->m_Next) {
@@ -633,6 +636,9 @@ CIMelement& CIMelement::operator=(const CIMelement& source) {
     src = src->m_Next;
   }
   return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return *this;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -658,7 +664,7 @@ void CIMclass::setClassName(const char* className, const char* nameSpace) {
   m_NameSpace = (nameSpace != nullptr && *nameSpace != '\0') ? strdup(nameSpace) : nullptr;
 }
 
-CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) {
+CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) try {
   CIMclass* node = this;
   if (m_ClassName != nullptr) {
     CIMclass* last = this;
@@ -668,6 +674,9 @@ CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) 
   }
   node->setClassName(className, nameSpace);
   return node;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return nullptr;
 }
 
 CIMclass* CIMclass::findClassName(const char* className, const char* nameSpace) {
@@ -709,7 +718,7 @@ void CIMclass::clsClean() {
   }
 }
 
-CIMclass& CIMclass::operator=(const CIMclass& other) {
+CIMclass& CIMclass::operator=(const CIMclass& other) try {
   if (this == &other) return *this;
   clsClean();
   for (const CIMclass* src = &other; src != nullptr; src = src->m_Next) {
@@ -724,6 +733,9 @@ CIMclass& CIMclass::operator=(const CIMclass& other) {
       this->*list = copy;
     }
   }
+  return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
   return *this;
 }
 

@@ -53,6 +53,13 @@ inline bool IsKind(const CIMelement* e, int id) {
   return e != nullptr && e->m_Name == known_cim_elements[id];
 }
 
+// Called from a catch handler: the text of the exception in flight.
+const char* CurrentExceptionText() noexcept;
+// Called from a catch handler: traces "<function>: Exception raised: <what>" at the level
+// of the object model and the codec.
+void TraceException(const char* function, const char* file, int line) noexcept;
+#define OX_TRACE_EXCEPTION() ::oxCIM::TraceException(__func__, __FILE__, __LINE__)
+
 // Called from a catch handler: records the exception in flight as status 1001, traced as
 // "<function>: Exception raised: <what>". Nothing escapes, not even from an allocation.
 void RecordException(CIMconnection& c, const char* function) noexcept;
