@@ -26,6 +26,7 @@ struct Sink {
   // the limit), and the previous tree is freed right before the reading starts.
   codec::BodyReader* reader;
   PreviousTree* previous;
+  CURL* curl;  // body only: asked for the declared length
 };
 
 void StartReading(Sink* sink);
@@ -39,14 +40,25 @@ size_t appendToSink(char* data, size_t size, size_t count, void* userdata) {
     return 0;
   }
   try {
+    if (sink->previous != nullptr) StartReading(sink);
+    if (sink->text->empty() && sink->curl != nullptr) {
+      // A declared length is taken at its word, within the limit: one block instead of a
+      // doubling string whose copies would raise the peak while the tree grows beside it.
+      curl_off_t declared = -1;
+      curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &declared);
+      const uint64_t cap = sink->limit != 0 ? sink->limit : kDefaultMaxResponseBytes;
+      if (declared > 0 && sink->limit != 0 && static_cast<uint64_t>(declared) > sink->limit) {
+        sink->tooLarge = true;
+        return 0;
+      }
+      if (declared > 0 && static_cast<uint64_t>(declared) <= cap)
+        sink->text->reserve(static_cast<size_t>(declared));
+    }
     sink->text->append(data, n);
-  } catch (const std::exception&) {
+  } catch (...) {
     return 0;
   }
-  if (sink->reader != nullptr) {
-    if (sink->previous != nullptr) StartReading(sink);
-    sink->reader->Feed(*sink->text);
-  }
+  if (sink->reader != nullptr) sink->reader->Feed(*sink->text);
   return n;
 }
 
@@ -172,8 +184,8 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) tr
   // These must outlive curl_easy_perform only; the next call installs fresh ones.
   CIMprogress progress{};
   codec::BodyReader reader(&m_ResponseTree);
-  Sink body{&m_Response, m_MaxResponseBytes, false, &reader, &previous};
-  Sink header{&m_Header, kMaxResponseHeaderBytes, false, nullptr, nullptr};
+  Sink body{&m_Response, m_MaxResponseBytes, false, &reader, &previous, curl};
+  Sink header{&m_Header, kMaxResponseHeaderBytes, false, nullptr, nullptr, nullptr};
 
 #define OX_SETOPT(option, value)                           \
   do {                                                     \
