@@ -3,6 +3,7 @@
 
 #include <curl/curl.h>
 
+#include <boost/format.hpp>
 #include <boost/make_shared.hpp>
 #include <cstring>
 #include <ctime>
@@ -38,6 +39,7 @@ CIMconnection::CIMconnection()
       m_SharedLock(boost::make_shared<CCriticalSection>()),
       m_Reserved(0),
       m_NoIPCheck(false),
+      m_MaxResponseBytes(kDefaultMaxResponseBytes),
       m_Curl(nullptr),
       m_HeaderList(nullptr) {
   m_SharedLock->Init(1000);
@@ -50,7 +52,7 @@ void CIMconnection::setOSName(const std::string& name) { m_OSName = name; }
 
 void CIMconnection::SetExtraTimeOut(int seconds) { m_ExtraTimeOut = seconds; }
 
-int CIMconnection::initCurlHandle() {
+int CIMconnection::initCurlHandle() try {
   m_ErrCode = 0;
   if (!m_NoIPCheck) {
     if (m_LocalIP.empty()) {
@@ -108,6 +110,7 @@ int CIMconnection::initCurlHandle() {
   OX_TRACE(TRACE_DETAIL, "[%s]       initCurlHandle: SSL=0x%x", m_Host, ssl);
   return m_ErrCode;
 }
+OX_CATCH_RETURN(m_ErrCode)
 
 void CIMconnection::releaseCurlHandle() {
   if (m_HeaderList != nullptr) {
@@ -135,7 +138,7 @@ void CIMconnection::duplicateCurlHandle(void* handle) {
   if (old != nullptr) curl_easy_cleanup(old);
 }
 
-CIMconnection& CIMconnection::operator=(const CIMconnection& other) {
+CIMconnection& CIMconnection::operator=(const CIMconnection& other) try {
   if (this == &other) return *this;
   releaseCurlHandle();
   {
@@ -153,6 +156,7 @@ CIMconnection& CIMconnection::operator=(const CIMconnection& other) {
   m_ExtraTimeOut = other.m_ExtraTimeOut;
   m_Reserved = other.m_Reserved;
   m_NoIPCheck = other.m_NoIPCheck;
+  m_MaxResponseBytes = other.m_MaxResponseBytes;
 
   m_Host = other.m_Host;
   m_User = other.m_User;
@@ -181,6 +185,7 @@ CIMconnection& CIMconnection::operator=(const CIMconnection& other) {
   m_ResponseTree = other.m_ResponseTree;
   return *this;
 }
+OX_CATCH_RETURN(*this)
 
 int CIMconnection::SetCimStatus_FL(int code, const char* description, const char* file,
                                    int line) {
@@ -189,28 +194,66 @@ int CIMconnection::SetCimStatus_FL(int code, const char* description, const char
     Debug_Request_Response();
   }
   if (oxCIM.IsTraced(TRACE_STATUS)) {
-    std::string curlText;
-    if (description == nullptr) {
-      // libcurl's text is read-only: clean a copy of it.
-      curlText = curl_easy_strerror(static_cast<CURLcode>(code));
-      for (char& c : curlText)
-        if (static_cast<signed char>(c) < 32) c = ' ';
-      description = curlText.c_str();
+    try {
+      std::string curlText;
+      if (description == nullptr) {
+        // libcurl's text is read-only: clean a copy of it.
+        curlText = curl_easy_strerror(static_cast<CURLcode>(code));
+        for (char& c : curlText)
+          if (static_cast<signed char>(c) < 32) c = ' ';
+        description = curlText.c_str();
+      }
+      const char* base = file != nullptr ? file : "";
+      if (const char* p = std::strrchr(base, '\\')) base = p + 1;
+      if (const char* p = std::strrchr(base, '/')) base = p + 1;
+      OX_TRACE_FN(TRACE_STATUS, "SetCimStatus_FL", "[%s] SetCimStatus: %s@%d  ErrCode:%d %s",
+                  m_Host, base, line, code, description);
+    } catch (...) {
+      // The status is recorded; only its trace is lost.
     }
-    const char* base = file != nullptr ? file : "";
-    if (const char* p = std::strrchr(base, '\\')) base = p + 1;
-    if (const char* p = std::strrchr(base, '/')) base = p + 1;
-    OX_TRACE_FN(TRACE_STATUS, "SetCimStatus_FL", "[%s] SetCimStatus: %s@%d  ErrCode:%d %s",
-                m_Host, base, line, code, description);
   }
   return m_ErrCode;
 }
 
 int CIMconnection::ChkCimStatus() { return m_ErrCode; }
 
+namespace {
+// A buffer as the dump shows it: whole when small, else its head and how much was left out.
+std::string DumpPart(const std::string& buffer) {
+  if (buffer.size() <= kDumpLimitBytes) return buffer;
+  return (boost::format("%s\n[... %u more bytes not shown]\n") %
+          buffer.substr(0, kDumpLimitBytes) % (buffer.size() - kDumpLimitBytes))
+      .str();
+}
+}  // namespace
+
 void CIMconnection::Debug_Request_Response() {
-  OX_TRACE(TRACE_STATUS, "[%s] ------ REQUEST:\n%s------ RESPONSE-HEADER:\n%s------ RESPONSE:\n%s",
-           m_Host, m_Request, m_Header, m_Response);
+  if (!oxCIM.IsTraced(TRACE_STATUS)) return;
+  try {
+    OX_TRACE(TRACE_STATUS,
+             "[%s] ------ REQUEST:\n%s------ RESPONSE-HEADER:\n%s------ RESPONSE:\n%s", m_Host,
+             DumpPart(m_Request), DumpPart(m_Header), DumpPart(m_Response));
+  } catch (...) {
+    // A dump that cannot be built is skipped; the status it accompanies stands.
+  }
+}
+
+void RecordException(CIMconnection& c, const char* function) noexcept {
+  const char* what = "unknown exception";
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    what = e.what();
+  } catch (const char* text) {
+    what = text;
+  } catch (...) {
+  }
+  try {
+    const std::string text = std::string(function) + ": Exception raised: " + what;
+    c.SetCimStatus(1001, text.c_str());
+  } catch (...) {
+    if (c.m_ErrCode == 0) c.m_ErrCode = 1001;
+  }
 }
 
 void CIMconnection::cleanXMLbuffer() {

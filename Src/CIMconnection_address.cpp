@@ -43,7 +43,7 @@ std::string NumericAddress(const addrinfo* entry) {
 }  // namespace
 
 void CIMconnection::setIPAddress(const std::string& host, std::string& address,
-                                 std::string* fqdn) {
+                                 std::string* fqdn) try {
   address.clear();
   if (fqdn != nullptr) fqdn->clear();
 
@@ -82,5 +82,6 @@ void CIMconnection::setIPAddress(const std::string& host, std::string& address,
   OX_TRACE(TRACE_STATUS, "[%s] setIPAddress: cannot get IP-Address. ret=%d WSAGetLastError=%d",
            host, ret, errno);
 }
+OX_CATCH_VOID
 
 }  // namespace oxCIM

@@ -18,13 +18,25 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
 
 namespace {
 
-// Shared by the body and header callbacks. Nothing may unwind through libcurl's C frames,
-// so a failed append (length or allocation) aborts the transfer instead.
-size_t appendToString(char* data, size_t size, size_t count, void* userdata) {
+// Where the body and header callbacks append, and how much each may take. Nothing may
+// unwind through libcurl's C frames, so a failed append (length or allocation) aborts the
+// transfer instead, and so does passing the limit.
+struct Sink {
+  std::string* text;
+  uint64_t limit;  // 0 = none
+  bool tooLarge;
+};
+
+size_t appendToSink(char* data, size_t size, size_t count, void* userdata) {
   const size_t n = size * count;
   if (n == 0) return 0;
+  Sink* sink = static_cast<Sink*>(userdata);
+  if (sink->limit != 0 && (n > sink->limit || sink->text->size() > sink->limit - n)) {
+    sink->tooLarge = true;
+    return 0;
+  }
   try {
-    static_cast<std::string*>(userdata)->append(data, n);
+    sink->text->append(data, n);
   } catch (const std::exception&) {
     return 0;
   }
@@ -32,12 +44,26 @@ size_t appendToString(char* data, size_t size, size_t count, void* userdata) {
 }
 
 size_t bodyCallback(char* data, size_t size, size_t count, void* userdata) {
-  return appendToString(data, size, count, userdata);
+  return appendToSink(data, size, count, userdata);
 }
 
 size_t headerCallback(char* data, size_t size, size_t count, void* userdata) {
-  return appendToString(data, size, count, userdata);
+  return appendToSink(data, size, count, userdata);
 }
+
+// Reads a decimal number as atoi/strtol do (blanks, sign, digits), but saturates instead of
+// overflowing: a peer's absurd number must end up out of range, never wrapped into it.
+int64_t ReadPeerNumber(const char* p) {
+  while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+  const bool negative = *p == '-';
+  if (*p == '-' || *p == '+') ++p;
+  int64_t n = 0;
+  for (; *p >= '0' && *p <= '9'; ++p)
+    if (n <= kMaxPeerStatus) n = n * 10 + (*p - '0');
+  return negative ? -n : n;
+}
+
+bool InPeerRange(int64_t n) { return n >= 1 && n <= kMaxPeerStatus; }
 
 const char* const kFixedHeaders[] = {
     "Content-type: application/xml; charset=\"utf-8\"",
@@ -104,7 +130,7 @@ int CIMconnection::checkProgress(void* record, double dltotal, double dlnow, dou
   return 1;
 }
 
-int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
+int CIMconnection::sendRequest_recvResponse(const char* method, char* object) try {
   OX_TRACE(TRACE_ENTRY, "[%s]    Enter sendRequest_recvResponse()", m_Host);
 
   m_ErrCode = 0;
@@ -131,8 +157,10 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
 
   const std::string url = (boost::format("%s://%s:%s/cimom") % m_Protocol % m_Host % m_Port).str();
 
-  // The record must outlive curl_easy_perform only; the next call installs a fresh one.
+  // These must outlive curl_easy_perform only; the next call installs fresh ones.
   CIMprogress progress{};
+  Sink body{&m_Response, m_MaxResponseBytes, false};
+  Sink header{&m_Header, kMaxResponseHeaderBytes, false};
 
 #define OX_SETOPT(option, value)                           \
   do {                                                     \
@@ -195,9 +223,9 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
 
   OX_SETOPT(CURLOPT_HTTPHEADER, m_HeaderList);
   OX_SETOPT(CURLOPT_WRITEFUNCTION, &bodyCallback);
-  OX_SETOPT(CURLOPT_WRITEDATA, static_cast<void*>(&m_Response));
+  OX_SETOPT(CURLOPT_WRITEDATA, static_cast<void*>(&body));
   OX_SETOPT(CURLOPT_HEADERFUNCTION, &headerCallback);
-  OX_SETOPT(CURLOPT_HEADERDATA, static_cast<void*>(&m_Header));
+  OX_SETOPT(CURLOPT_HEADERDATA, static_cast<void*>(&header));
   OX_SETOPT(CURLOPT_FAILONERROR, 1L);
   curl_easy_setopt(curl, CURLOPT_VERBOSE, static_cast<long>(do_cim_debug & 1));
   OX_SETOPT(CURLOPT_POSTFIELDS, m_Request.c_str());
@@ -215,7 +243,22 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
 
   m_Info &= ~(NO_Auth | NO_Connect);
 
+  const bool tooLarge = body.tooLarge || header.tooLarge;
   if (result != CURLE_OK) {
+    if (tooLarge) {
+      // Recorded before libcurl's write error so that the cause wins.
+      const std::string why =
+          body.tooLarge
+              ? (boost::format("sendRequest_recvResponse: response body larger than %u bytes "
+                               "(m_MaxResponseBytes), transfer stopped") %
+                 m_MaxResponseBytes)
+                    .str()
+              : (boost::format("sendRequest_recvResponse: response header larger than %u "
+                               "bytes, transfer stopped") %
+                 kMaxResponseHeaderBytes)
+                    .str();
+      SetCimStatus(ERR_ResponseTooLarge, why.c_str());
+    }
     SetCimStatus(static_cast<int>(result), nullptr);
     long httpCode = -1;
     if (curl) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &httpCode);
@@ -233,7 +276,10 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
   // spares a walk over a list that may hold millions of nodes. Without a parse the tree
   // is empty.
   CIMelement* error = nullptr;
-  if (!m_Response.empty() || result == CURLE_GOT_NOTHING) {
+  if (tooLarge) {
+    // Nothing of a cut answer is parsed; neither is it kept, it may be huge.
+    std::string().swap(m_Response);
+  } else if (!m_Response.empty() || result == CURLE_GOT_NOTHING) {
     if (codec::Parse(&m_ResponseTree, m_Response, true, &error) != 0)
       SetCimStatus(5002, "Can't parse the m_Response");
   } else {
@@ -245,8 +291,8 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
     char* text = nullptr;
     int code = 1001;
     if (e->attr_get(0, &text) == A_CODE) {
-      const long n = std::strtol(text, nullptr, 10);
-      if (n >= 1) code = static_cast<int>(n);
+      const int64_t n = ReadPeerNumber(text);
+      if (InPeerRange(n)) code = static_cast<int>(n);
     }
     char* desc = nullptr;
     const char* description = e->attr_get(1, &desc) == A_DESCRIPTION
@@ -261,25 +307,26 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
     const char* p = line + 7;
     while (static_cast<signed char>(*p) > ' ') ++p;
     while (*p >= 1 && *p <= ' ') ++p;
-    const int status = std::atoi(p);
+    const int64_t status = ReadPeerNumber(p);
     if (status != 200) {
       const char* end = line;
       while (static_cast<signed char>(*end) >= 32) ++end;
       const std::string statusLine(line, end);
       if (status == 401) m_Info = (m_Info | NO_Auth) & ~NO_Connect;
-      SetCimStatus(status != 0 ? 10000 + status : 1001, statusLine.c_str());
+      SetCimStatus(InPeerRange(status) ? static_cast<int>(10000 + status) : 1001,
+                   statusLine.c_str());
     }
   }
 
   const size_t cimStatusPos = m_Header.find("CIMStatusCode:");
   if (cimStatusPos != std::string::npos) {
-    const int n = std::atoi(m_Header.c_str() + cimStatusPos + 14);
+    const int64_t n = ReadPeerNumber(m_Header.c_str() + cimStatusPos + 14);
     if (n != 0) {
       const size_t eol = m_Header.find_first_of("\r\n", cimStatusPos);
       const std::string text = m_Header.substr(cimStatusPos, eol == std::string::npos
                                                                  ? std::string::npos
                                                                  : eol - cimStatusPos);
-      SetCimStatus(10000 + n, text.c_str());
+      SetCimStatus(InPeerRange(n) ? static_cast<int>(10000 + n) : 1001, text.c_str());
     }
   }
 
@@ -287,5 +334,6 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) {
            m_ErrCode);
   return m_ErrCode;
 }
+OX_CATCH_RETURN(m_ErrCode)
 
 }  // namespace oxCIM

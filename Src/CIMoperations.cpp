@@ -49,7 +49,7 @@ CIMcontainer::CIMcontainer() : m_pcls(nullptr), m_Listener(nullptr), m_CurrentMe
 // The class list frees itself; the listener belongs to the subscription code that started it.
 CIMcontainer::~CIMcontainer() { m_pcls = nullptr; }
 
-CIMcontainer& CIMcontainer::operator=(const CIMcontainer& other) {
+CIMcontainer& CIMcontainer::operator=(const CIMcontainer& other) try {
   if (this == &other) return *this;
   CIMconnection::operator=(other);
   m_Classes = other.m_Classes;
@@ -59,32 +59,36 @@ CIMcontainer& CIMcontainer::operator=(const CIMcontainer& other) {
   m_Listener = nullptr;
   return *this;
 }
+OX_CATCH_RETURN(*this)
 
-CIMclass* CIMcontainer::setCurrentClass(const char* className, const char* nameSpace) {
+CIMclass* CIMcontainer::setCurrentClass(const char* className, const char* nameSpace) try {
   const char* ns = (nameSpace && *nameSpace) ? nameSpace : nsCIMV2;
   CIMclass* cls = m_Classes.findClassName(className, ns);
   if (!cls) cls = m_Classes.makeNextClass(className, ns);
   m_pcls = cls;
   return cls;
 }
+OX_CATCH_RETURN(nullptr)
 
-void CIMcontainer::free_all() {
+void CIMcontainer::free_all() try {
   m_pcls = nullptr;
   m_Classes.clsClean();
   releaseCurlHandle();
   m_ErrCode = 0;
 }
+OX_CATCH_VOID
 
 // ---------------------------------------------------------------------------------------
 // Request writer
 
-void CIMcontainer::beginElement(int element, const char* tail) {
+void CIMcontainer::beginElement(int element, const char* tail) try {
   m_Request += '<';
   m_Request += known_cim_elements[element];
   if (tail) m_Request += tail;
 }
+OX_CATCH_VOID
 
-void CIMcontainer::endElement(int element) {
+void CIMcontainer::endElement(int element) try {
   if (element < 0) {
     m_Request += "/>\n";
     return;
@@ -93,15 +97,17 @@ void CIMcontainer::endElement(int element) {
   m_Request += known_cim_elements[element];
   m_Request += ">\n";
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addValue(const char* text) {
+void CIMcontainer::addValue(const char* text) try {
   if (!text || !*text) return;
   beginElement(E_VALUE, ">");
   m_Request += text;
   endElement(E_VALUE);
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addAttribute(int attribute, const char* value, const char* tail) {
+void CIMcontainer::addAttribute(int attribute, const char* value, const char* tail) try {
   if (attribute >= 0 && attribute < A_UNKNOWN && value && *value) {
     m_Request += ' ';
     m_Request += known_cim_attributes[attribute];
@@ -111,8 +117,9 @@ void CIMcontainer::addAttribute(int attribute, const char* value, const char* ta
   }
   if (tail) m_Request += tail;
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addOptionalParameter(int which, int flag) {
+void CIMcontainer::addOptionalParameter(int which, int flag) try {
   if (flag != 0 && flag != 1) return;
   if (which < 0 || which > 3) return;
   beginElement(E_IPARAMVALUE, nullptr);
@@ -120,8 +127,9 @@ void CIMcontainer::addOptionalParameter(int which, int flag) {
   addValue(flag ? "true" : "false");
   endElement(E_IPARAMVALUE);
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addOptionalPropertyList(CIMarray* list) {
+void CIMcontainer::addOptionalPropertyList(CIMarray* list) try {
   if (!list) return;
   beginElement(E_IPARAMVALUE, nullptr);
   addAttribute(A_NAME, "PropertyList", ">\n");
@@ -134,8 +142,9 @@ void CIMcontainer::addOptionalPropertyList(CIMarray* list) {
   endElement(E_VALUE_ARRAY);
   endElement(E_IPARAMVALUE);
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addCIMXMLheader() {
+void CIMcontainer::addCIMXMLheader() try {
   cleanXMLbuffer();
   ++m_MessageID;
   m_ErrCode = 0;
@@ -145,6 +154,7 @@ void CIMcontainer::addCIMXMLheader() {
   m_Request += std::to_string(m_MessageID);
   m_Request += "\" PROTOCOLVERSION=\"1.0\">\n";
 }
+OX_CATCH_VOID
 
 // A failed parameter empties the request; performIntrinsicMethod then sends nothing.
 static void FailRequest(CIMcontainer& c, const char* func, int line, const char* text) {
@@ -157,7 +167,7 @@ static void FailRequest(CIMcontainer& c, const char* func, int line, const char*
 }
 #define FAIL_REQUEST(text) FailRequest(*this, __func__, __LINE__, (text))
 
-void CIMcontainer::addClassNameParam(int required) {
+void CIMcontainer::addClassNameParam(int required) try {
   if (m_pcls && m_pcls->m_ClassName && *m_pcls->m_ClassName) {
     beginElement(E_IPARAMVALUE, nullptr);
     addAttribute(A_NAME, "ClassName", ">");
@@ -168,8 +178,9 @@ void CIMcontainer::addClassNameParam(int required) {
     FAIL_REQUEST("addClassNameParam() missing parameter: ClassName");
   }
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addInstanceNameParam(CIMelement* instanceName) {
+void CIMcontainer::addInstanceNameParam(CIMelement* instanceName) try {
   if (!instanceName) {
     FAIL_REQUEST("addInstanceNameParam() InstanceName = NULL");
     return;
@@ -182,8 +193,9 @@ void CIMcontainer::addInstanceNameParam(CIMelement* instanceName) {
   }
   endElement(E_IPARAMVALUE);
 }
+OX_CATCH_VOID
 
-void CIMcontainer::addLocalNameSpacePath() {
+void CIMcontainer::addLocalNameSpacePath() try {
   if (!m_pcls || !m_pcls->m_NameSpace) {
     FAIL_REQUEST("addLocalNameSpacePath() missing parameter: ClassName/NameSpace");
     return;
@@ -202,8 +214,9 @@ void CIMcontainer::addLocalNameSpacePath() {
   }
   endElement(E_LOCALNAMESPACEPATH);
 }
+OX_CATCH_VOID
 
-void CIMcontainer::beginIntrinsicMethod(int method) {
+void CIMcontainer::beginIntrinsicMethod(int method) try {
   m_CurrentMethod = known_cim_imethods[method];
   addCIMXMLheader();
   beginElement(E_SIMPLEREQ, ">\n");
@@ -211,6 +224,7 @@ void CIMcontainer::beginIntrinsicMethod(int method) {
   addAttribute(A_NAME, m_CurrentMethod, ">\n");
   addLocalNameSpacePath();
 }
+OX_CATCH_VOID
 
 namespace {
 // values[index] read as T and formatted as Printed.
@@ -272,7 +286,7 @@ size_t ValueToString(const void* values, size_t index, int type, std::string& ou
 // ---------------------------------------------------------------------------------------
 // Intrinsic method driver
 
-unsigned CIMcontainer::performIntrinsicMethod() {
+unsigned CIMcontainer::performIntrinsicMethod() try {
   endElement(E_IMETHODCALL);
   endElement(E_SIMPLEREQ);
   endElement(E_MESSAGE);
@@ -318,11 +332,12 @@ unsigned CIMcontainer::performIntrinsicMethod() {
   releaseCurlHandle();
   return static_cast<unsigned>(r);
 }
+OX_CATCH_RETURN(1001)
 
 // ---------------------------------------------------------------------------------------
 // Response extraction
 
-unsigned long CIMcontainer::ExtractClassDefinition() {
+unsigned long CIMcontainer::ExtractClassDefinition() try {
   if (!m_pcls) {
     OX_TRACE(TRACE_ERROR, "[%s] ExtractClassDefinition() this or m_pcls = NULL", m_Host);
     return 1001;
@@ -408,6 +423,7 @@ unsigned long CIMcontainer::ExtractClassDefinition() {
            m_pcls->m_ClassName ? m_pcls->m_ClassName : "");
   return 1001;
 }
+OX_CATCH_RETURN(1001)
 
 namespace {
 
@@ -449,7 +465,7 @@ CIMelement* ExtractRun(const RunExtractor& how, const std::string& host, CIMelem
 
 }  // namespace
 
-unsigned long CIMcontainer::ExtractInstanceNames(CIMelement* from) {
+unsigned long CIMcontainer::ExtractInstanceNames(CIMelement* from) try {
   if (!m_pcls) {
     OX_TRACE(TRACE_ERROR, "[%s] ExtractInstanceNames() this or m_pcls = NULL", m_Host);
     return 0;
@@ -458,8 +474,9 @@ unsigned long CIMcontainer::ExtractInstanceNames(CIMelement* from) {
   return reinterpret_cast<unsigned long>(
       ExtractRun(kNamesRun, m_Host, m_pcls->m_InstanceNames, tail, from));
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::ExtractInstance(CIMelement* from) {
+unsigned long CIMcontainer::ExtractInstance(CIMelement* from) try {
   if (!m_pcls) {
     OX_TRACE(TRACE_ERROR, "[%s] ExtractInstance() this or m_pcls = NULL", m_Host);
     return 0;
@@ -468,8 +485,9 @@ unsigned long CIMcontainer::ExtractInstance(CIMelement* from) {
   return reinterpret_cast<unsigned long>(
       ExtractRun(kInstancesRun, m_Host, m_pcls->m_Properties, tail, from));
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::ExtractNamedInstances() {
+unsigned long CIMcontainer::ExtractNamedInstances() try {
   if (!m_pcls) {
     OX_TRACE(TRACE_ERROR, "[%s] ExtractNamedInstances() this or m_pcls = NULL", m_Host);
     return 0;
@@ -522,6 +540,7 @@ unsigned long CIMcontainer::ExtractNamedInstances() {
   OX_TRACE(TRACE_ERROR, "[%s] ExtractNamedInstances() wrong XML data", m_Host);
   return 0;
 }
+OX_CATCH_RETURN(0)
 
 // ---------------------------------------------------------------------------------------
 // Intrinsic operations
@@ -529,7 +548,7 @@ unsigned long CIMcontainer::ExtractNamedInstances() {
 #define TRACE_ENTER(name) OX_TRACE(TRACE_ENTRY, "[%s] %s", m_Host, name "()")
 
 unsigned long CIMcontainer::Imethod_GetClass(int localOnly, int includeQualifiers,
-                                             int includeClassOrigin, CIMarray* propertyList) {
+                                             int includeClassOrigin, CIMarray* propertyList) try {
   TRACE_ENTER("Imethod_GetClass");
   beginIntrinsicMethod(0);
   addClassNameParam(1);
@@ -541,9 +560,10 @@ unsigned long CIMcontainer::Imethod_GetClass(int localOnly, int includeQualifier
   if (r != 0) return r;
   return ExtractClassDefinition();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_GetInstance(CIMelement* instanceName, int includeClassOrigin,
-                                                CIMarray* propertyList) {
+                                                CIMarray* propertyList) try {
   TRACE_ENTER("Imethod_GetInstance");
   beginIntrinsicMethod(1);
   addInstanceNameParam(instanceName);
@@ -553,15 +573,17 @@ unsigned long CIMcontainer::Imethod_GetInstance(CIMelement* instanceName, int in
   if (performIntrinsicMethod() != 0) return 0;
   return ExtractInstance(&m_ResponseTree);
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::Imethod_DeleteClass() {
+unsigned long CIMcontainer::Imethod_DeleteClass() try {
   TRACE_ENTER("Imethod_DeleteClass");
   beginIntrinsicMethod(2);
   addClassNameParam(1);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
-unsigned long CIMcontainer::Imethod_DeleteInstance(CIMelement* instanceName) {
+unsigned long CIMcontainer::Imethod_DeleteInstance(CIMelement* instanceName) try {
   TRACE_ENTER("Imethod_DeleteInstance");
   beginIntrinsicMethod(3);
   addInstanceNameParam(instanceName);
@@ -575,8 +597,9 @@ unsigned long CIMcontainer::Imethod_DeleteInstance(CIMelement* instanceName) {
     CIMclass::kill_element(&m_pcls->m_InstanceNames);
   return 0;
 }
+OX_CATCH_RETURN(1001)
 
-unsigned long CIMcontainer::Imethod_CreateClass(CIMelement& newClass) {
+unsigned long CIMcontainer::Imethod_CreateClass(CIMelement& newClass) try {
   TRACE_ENTER("Imethod_CreateClass");
   beginIntrinsicMethod(4);
   if (!IsKind(&newClass, E_CLASS)) {
@@ -592,8 +615,9 @@ unsigned long CIMcontainer::Imethod_CreateClass(CIMelement& newClass) {
   endElement(E_IPARAMVALUE);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
-unsigned long CIMcontainer::Imethod_CreateInstance(_properties_* props) {
+unsigned long CIMcontainer::Imethod_CreateInstance(_properties_* props) try {
   TRACE_ENTER("Imethod_CreateInstance");
   beginIntrinsicMethod(5);
   if (!props) {
@@ -661,8 +685,9 @@ unsigned long CIMcontainer::Imethod_CreateInstance(_properties_* props) {
   }
   return ExtractInstanceNames(&m_ResponseTree);
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::Imethod_ModifyClass(CIMelement& modifiedClass) {
+unsigned long CIMcontainer::Imethod_ModifyClass(CIMelement& modifiedClass) try {
   TRACE_ENTER("Imethod_ModifyClass");
   beginIntrinsicMethod(6);
   if (!IsKind(&modifiedClass, E_CLASS)) {
@@ -678,10 +703,11 @@ unsigned long CIMcontainer::Imethod_ModifyClass(CIMelement& modifiedClass) {
   endElement(E_IPARAMVALUE);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_ModifyInstance(CIMelement* instanceName,
                                                    CIMelement& modifiedInstance,
-                                                   CIMarray* propertyList) {
+                                                   CIMarray* propertyList) try {
   TRACE_ENTER("Imethod_ModifyInstance");
   beginIntrinsicMethod(7);
   if (!IsKind(&modifiedInstance, E_INSTANCE)) {
@@ -699,10 +725,11 @@ unsigned long CIMcontainer::Imethod_ModifyInstance(CIMelement* instanceName,
   endElement(E_VALUE_NAMEDINSTANCE);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_EnumerateClasses(int localOnly, int includeQualifiers,
                                                      int includeClassOrigin,
-                                                     int deepInheritance) {
+                                                     int deepInheritance) try {
   TRACE_ENTER("Imethod_EnumerateClasses");
   beginIntrinsicMethod(8);
   addOptionalParameter(0, localOnly);
@@ -712,19 +739,21 @@ unsigned long CIMcontainer::Imethod_EnumerateClasses(int localOnly, int includeQ
   addClassNameParam(0);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
-unsigned long CIMcontainer::Imethod_EnumerateClassNames(int deepInheritance) {
+unsigned long CIMcontainer::Imethod_EnumerateClassNames(int deepInheritance) try {
   TRACE_ENTER("Imethod_EnumerateClassNames");
   beginIntrinsicMethod(9);
   addOptionalParameter(3, deepInheritance);
   addClassNameParam(0);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_EnumerateInstances(int localOnly, int includeQualifiers,
                                                        int includeClassOrigin,
                                                        int deepInheritance,
-                                                       CIMarray* propertyList) {
+                                                       CIMarray* propertyList) try {
   TRACE_ENTER("Imethod_EnumerateInstances");
   beginIntrinsicMethod(10);
   addOptionalParameter(0, localOnly);
@@ -740,8 +769,9 @@ unsigned long CIMcontainer::Imethod_EnumerateInstances(int localOnly, int includ
   if (performIntrinsicMethod() != 0) return 0;
   return ExtractNamedInstances();
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::Imethod_EnumerateInstanceNames() {
+unsigned long CIMcontainer::Imethod_EnumerateInstanceNames() try {
   TRACE_ENTER("Imethod_EnumerateInstanceNames");
   beginIntrinsicMethod(11);
   addClassNameParam(1);
@@ -749,8 +779,9 @@ unsigned long CIMcontainer::Imethod_EnumerateInstanceNames() {
   if (performIntrinsicMethod() != 0) return 0;
   return ExtractInstanceNames(&m_ResponseTree);
 }
+OX_CATCH_RETURN(0)
 
-unsigned long CIMcontainer::Imethod_ExecQuery(const char* queryLanguage, const char* target) {
+unsigned long CIMcontainer::Imethod_ExecQuery(const char* queryLanguage, const char* target) try {
   TRACE_ENTER("Imethod_ExecQuery");
   beginIntrinsicMethod(12);
   if (!queryLanguage || !*queryLanguage || !target || !*target) {
@@ -767,6 +798,7 @@ unsigned long CIMcontainer::Imethod_ExecQuery(const char* queryLanguage, const c
   endElement(E_IPARAMVALUE);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 namespace {
 // Members for operations the library does not offer: they only say so, at error level.
@@ -785,7 +817,7 @@ unsigned long CIMcontainer::Imethod_References() { return NotOffered(__func__); 
 unsigned long CIMcontainer::Imethod_ReferenceNames() { return NotOffered(__func__); }
 
 unsigned long CIMcontainer::Imethod_GetProperty(CIMelement* instanceName,
-                                                const char* propertyName) {
+                                                const char* propertyName) try {
   TRACE_ENTER("Imethod_GetProperty");
   beginIntrinsicMethod(17);
   if (!propertyName || !*propertyName) {
@@ -799,9 +831,10 @@ unsigned long CIMcontainer::Imethod_GetProperty(CIMelement* instanceName,
   addInstanceNameParam(instanceName);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_SetProperty(CIMelement* instanceName,
-                                                const char* propertyName, const char* newValue) {
+                                                const char* propertyName, const char* newValue) try {
   TRACE_ENTER("Imethod_SetProperty");
   beginIntrinsicMethod(18);
   if (!propertyName || !*propertyName) {
@@ -821,6 +854,7 @@ unsigned long CIMcontainer::Imethod_SetProperty(CIMelement* instanceName,
   addInstanceNameParam(instanceName);
   return performIntrinsicMethod();
 }
+OX_CATCH_RETURN(1001)
 
 unsigned long CIMcontainer::Imethod_GetQualifier() { return NotOffered(__func__); }
 
@@ -833,7 +867,7 @@ unsigned long CIMcontainer::Imethod_EnumerateQualifiers() { return NotOffered(__
 // ---------------------------------------------------------------------------------------
 // Namespace discovery
 
-unsigned long CIMcontainer::getNameSpace(CIMarray& names) {
+unsigned long CIMcontainer::getNameSpace(CIMarray& names) try {
   OX_TRACE(TRACE_ENTRY, "[%s] %s", m_Host, "getNameSpace()");
   CIMclass probe;
   probe.clsInit();
@@ -869,5 +903,6 @@ unsigned long CIMcontainer::getNameSpace(CIMarray& names) {
   probe.clsClean();
   return ChkCimStatus();
 }
+OX_CATCH_RETURN(1001)
 
 }  // namespace oxCIM

@@ -53,6 +53,10 @@ inline bool IsKind(const CIMelement* e, int id) {
   return e != nullptr && e->m_Name == known_cim_elements[id];
 }
 
+// Called from a catch handler: records the exception in flight as status 1001, traced as
+// "<function>: Exception raised: <what>". Nothing escapes, not even from an allocation.
+void RecordException(CIMconnection& c, const char* function) noexcept;
+
 // Locale-aware, whole-string, case-insensitive equality used for user data.
 bool EqualNoCase(const char* a, const char* b);
 
@@ -89,6 +93,18 @@ void Feed(Brix::Output_Streams::CFormatStream& fs, const T& first, const Rest&..
   } while (0)
 
 #define OX_TRACE(level, ...) OX_TRACE_FN(level, __func__, __VA_ARGS__)
+
+// Closes a function-try-block of a member of CIMconnection or CIMcontainer, so that no
+// exception crosses the library's interface: `failure` is what the function then returns.
+#define OX_CATCH_RETURN(failure)                  \
+  catch (...) {                                   \
+    ::oxCIM::RecordException(*this, __func__);    \
+    return failure;                               \
+  }
+#define OX_CATCH_VOID                             \
+  catch (...) {                                   \
+    ::oxCIM::RecordException(*this, __func__);    \
+  }
 
 // Records a CIM status with the caller's file and line.
 #define SetCimStatus(code, desc) SetCimStatus_FL((code), (desc), __FILE__, __LINE__)

@@ -37,6 +37,18 @@ extern OXCIM_API int ListenerThreadIsActive;
 constexpr unsigned NO_Auth = 0x200;
 constexpr unsigned NO_Connect = 0x400;
 
+// Status of an exchange whose response passed m_MaxResponseBytes (or whose header passed
+// kMaxResponseHeaderBytes): the transfer is stopped and nothing of the partial body is parsed.
+constexpr int32_t ERR_ResponseTooLarge = 5006;  // 5005 is getNameSpace's "no namespace list"
+// Default of m_MaxResponseBytes.
+constexpr uint64_t kDefaultMaxResponseBytes = 512ULL << 20;
+constexpr uint64_t kMaxResponseHeaderBytes = 1ULL << 20;
+// The level-4 dump shows at most this much of each buffer, then says how much it left out.
+constexpr size_t kDumpLimitBytes = 64 << 10;
+// Status numbers a peer sends (ERROR CODE, CIMStatusCode, the HTTP status) are taken only in
+// 1..kMaxPeerStatus, so that 10000 + n still fits; anything else is recorded as 1001.
+constexpr int64_t kMaxPeerStatus = 2147483647LL - 10000;
+
 // Trace levels.
 constexpr unsigned long TRACE_ENTRY = 2;
 constexpr unsigned long TRACE_STATUS = 4;
@@ -169,6 +181,8 @@ class OXCIM_API CIMconnection {
   boost::shared_ptr<Brix::Threading::Native_OS::CCriticalSection> m_SharedLock;
   int32_t m_Reserved;
   bool m_NoIPCheck;
+  // Largest response body accepted, in bytes; 0 = no limit. Default kDefaultMaxResponseBytes.
+  uint64_t m_MaxResponseBytes;
   std::string m_Request;
   std::string m_Header;
   std::string m_Response;

@@ -1,0 +1,263 @@
+// What a broken or hostile server can do to a client: endless or huge answers, absurd
+// status numbers, and allocation failures anywhere inside an operation.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <oxCIM.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FakeCimServer.h"
+#include "TestSupport.h"
+
+// Allocation failure on demand, on the arming thread only (the servers' threads must
+// keep working): the countdown-th allocation from now throws.
+namespace {
+thread_local long t_countdown = -1;
+thread_local long t_allocations = 0;
+}  // namespace
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t n) {
+  ++t_allocations;
+  if (t_countdown >= 0 && t_countdown-- == 0) throw std::bad_alloc();
+  if (void* p = std::malloc(n ? n : 1)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t n) { return operator new(n); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
+
+using oxtest::CannedResponse;
+using oxtest::FakeCimServer;
+
+namespace {
+
+std::string errorAnswer(const std::string& code, const std::string& padding = "") {
+  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
+         "<MESSAGE ID=\"1001\" PROTOCOLVERSION=\"1.0\"><SIMPLERSP>"
+         "<IMETHODRESPONSE NAME=\"GetInstance\"><ERROR CODE=\"" +
+         code + "\" DESCRIPTION=\"refused\"/>" + padding +
+         "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
+}
+
+int exchange(oxCIM::CIMconnection& c) {
+  char object[] = "root/cimv2";
+  c.m_Request = "<?xml version=\"1.0\"?><CIM/>";
+  return c.sendRequest_recvResponse("GetInstance", object);
+}
+
+bool treeIsEmpty(const oxCIM::CIMelement& root) {
+  return root.m_Name == nullptr && root.m_Next == nullptr;
+}
+
+// Answers every connection with a chunked body that never ends, until the client goes
+// away or the bounds (bytes, seconds) are reached.
+class EndlessServer {
+ public:
+  EndlessServer() {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    listen(fd_, 4);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~EndlessServer() {
+    shutdown(fd_, SHUT_RDWR);
+    thread_.join();
+    close(fd_);
+  }
+  int port() const { return port_; }
+  uint64_t sent() const { return sent_; }
+  bool clientLeft() const { return clientLeft_; }
+
+ private:
+  void serve() {
+    const int c = accept(fd_, nullptr, nullptr);
+    if (c < 0) return;
+    char buf[4096];
+    recv(c, buf, sizeof buf, 0);
+    std::string head =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "5\r\n<CIM>\r\n";
+    send(c, head.data(), head.size(), MSG_NOSIGNAL);
+    const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (sent_ < (1ULL << 30) && std::chrono::steady_clock::now() < end) {
+      if (send(c, chunk.data(), chunk.size(), MSG_NOSIGNAL) <= 0) {
+        clientLeft_ = true;
+        break;
+      }
+      sent_ += 0x10000;
+    }
+    close(c);
+  }
+  int fd_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+  std::atomic<uint64_t> sent_{0};
+  std::atomic<bool> clientLeft_{false};
+};
+
+TEST(ResponseLimit, EndlessBodyIsCutAtTheLimitAndNotParsed) {
+  EndlessServer server;
+  oxCIM::CIMconnection c;
+  oxtest::PointAt(c, server.port());
+  EXPECT_EQ(c.m_MaxResponseBytes, oxCIM::kDefaultMaxResponseBytes);
+  c.m_MaxResponseBytes = 4 << 20;
+  oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+
+  EXPECT_EQ(exchange(c), oxCIM::ERR_ResponseTooLarge);
+  EXPECT_TRUE(c.m_Response.empty());
+  EXPECT_TRUE(treeIsEmpty(c.m_ResponseTree));
+  ASSERT_TRUE(oxtest::Eventually([&] { return server.clientLeft(); }));
+  EXPECT_LT(server.sent(), 64u << 20) << "the client kept reading past its limit";
+  const auto codes = trace.statusCodes();
+  ASSERT_FALSE(codes.empty());
+  EXPECT_EQ(codes[0].rfind("5006 sendRequest_recvResponse: response body larger than 4194304", 0),
+            0u)
+      << codes[0];
+}
+
+TEST(ResponseLimit, BoundaryAndNoLimit) {
+  FakeCimServer server;
+  const std::string body = errorAnswer("6", "<!--" + std::string(1 << 20, 'p') + "-->");
+  server.setDefault(CannedResponse::cimOk(body));
+  struct Case {
+    uint64_t limit;
+    int expected;
+  } cases[] = {{body.size(), 6}, {body.size() - 1, oxCIM::ERR_ResponseTooLarge}, {0, 6}};
+  for (const Case& k : cases) {
+    oxCIM::CIMconnection c;
+    oxtest::PointAt(c, server.port());
+    c.m_MaxResponseBytes = k.limit;
+    EXPECT_EQ(exchange(c), k.expected) << "limit " << k.limit;
+  }
+}
+
+TEST(ResponseLimit, DumpShowsOnlyTheHeadOfALargeBody) {
+  FakeCimServer server;
+  const std::string body = errorAnswer("6", "<!--" + std::string(300000, 'p') + "-->");
+  server.push(CannedResponse::cimOk(body));
+  oxCIM::CIMconnection c;
+  oxtest::PointAt(c, server.port());
+  oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+  EXPECT_EQ(exchange(c), 6);
+
+  const auto dumps = trace.texts("Debug_Request_Response");
+  ASSERT_EQ(dumps.size(), 1u);
+  const std::string& d = dumps[0];
+  const std::string tail = "\n[... " + std::to_string(body.size() - oxCIM::kDumpLimitBytes) +
+                           " more bytes not shown]\n";
+  ASSERT_GE(d.size(), tail.size());
+  EXPECT_EQ(d.substr(d.size() - tail.size()), tail);
+  const size_t at = d.find("------ RESPONSE:\n");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_EQ(d.substr(at + 17, oxCIM::kDumpLimitBytes), body.substr(0, oxCIM::kDumpLimitBytes));
+  EXPECT_LT(d.size(), oxCIM::kDumpLimitBytes + 4096);
+}
+
+// A status number that does not fit must be an error, never success, never overflow.
+TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
+  struct Case {
+    const char* errorCode;   // nullptr: no ERROR element
+    const char* statusHeader;  // nullptr: no CIMStatusCode header
+    int expected;
+  } cases[] = {
+      {"6", nullptr, 6},
+      {"2147473647", nullptr, 2147473647},
+      {"2147473648", nullptr, 1001},
+      {"4294967296", nullptr, 1001},
+      {"4294967302", nullptr, 1001},
+      {"99999999999999999999999", nullptr, 1001},
+      {"-4294967290", nullptr, 1001},
+      {nullptr, "4", 10004},
+      {nullptr, "2147473647", 2147483647},
+      {nullptr, "2147483647", 1001},
+      {nullptr, "4294967296", 1001},
+      {nullptr, "4294967300", 1001},
+      {nullptr, "-10000", 1001},
+      {nullptr, "0", 0},
+  };
+  FakeCimServer server;
+  for (const Case& k : cases) {
+    CannedResponse r = CannedResponse::cimOk(
+        k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
+    if (k.statusHeader) r.headers.emplace_back("CIMStatusCode", k.statusHeader);
+    server.push(r);
+    oxCIM::CIMconnection c;
+    oxtest::PointAt(c, server.port());
+    EXPECT_EQ(exchange(c), k.expected)
+        << (k.errorCode ? k.errorCode : "") << (k.statusHeader ? k.statusHeader : "");
+  }
+}
+
+// Every allocation of an operation, failed in turn: the operation returns, reports a
+// failure or a complete result, and the container works normally afterwards.
+TEST(AllocationFailure, NeverEscapesNorReadsAsSuccess) {
+  FakeCimServer server;
+  server.setDefault(CannedResponse::cimOk(oxtest::ReadFixture("op_enuminstances.xml")));
+  auto run = [&](oxCIM::CIMcontainer& c, long failAt) {
+    oxtest::PointAt(c, server.port());
+    c.setCurrentClass("OX_Disk", "root/cimv2");
+    t_allocations = 0;
+    t_countdown = failAt;
+    const unsigned long first = c.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
+    t_countdown = -1;
+    size_t n = 0;
+    for (oxCIM::CIMelement* e = c.m_pcls ? c.m_pcls->m_Properties : nullptr; e; e = e->m_Next)
+      if (e->m_Name && std::strcmp(e->m_Name, "INSTANCE") == 0) ++n;
+    return std::make_pair(first, n);
+  };
+  size_t expected = 0;
+  long total = 0;
+  {
+    oxCIM::CIMcontainer clean;
+    const auto r = run(clean, -1);
+    total = t_allocations;
+    ASSERT_NE(r.first, 0u);
+    expected = r.second;
+    ASSERT_GT(expected, 1u);
+  }
+  oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+  int failed = 0;
+  const long step = total / 1000 + 1;
+  for (long k = 0; k < total; k += step) {
+    oxCIM::CIMcontainer c;
+    std::pair<unsigned long, size_t> r;
+    ASSERT_NO_THROW(r = run(c, k)) << "allocation " << k;
+    if (c.m_ErrCode == 0) {
+      EXPECT_NE(r.first, 0u) << "allocation " << k;
+      EXPECT_EQ(r.second, expected) << "allocation " << k << ": partial result read as success";
+    } else {
+      EXPECT_EQ(r.first, 0u) << "allocation " << k;
+      ++failed;
+    }
+    const auto again = run(c, -1);
+    EXPECT_EQ(again.second, expected) << "unusable after failing allocation " << k;
+  }
+  EXPECT_GT(failed, 0) << total << " allocations";
+  bool named = false;
+  for (const auto& s : trace.statusCodes())
+    named = named || s.find(": Exception raised: std::bad_alloc") !=
+                         std::string::npos;
+  EXPECT_TRUE(named) << "no failure was reported as the exception it was";
+}
+
+}  // namespace
