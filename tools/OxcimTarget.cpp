@@ -280,6 +280,8 @@ std::string FailureText(const oxCIM::CIMcontainer& c) {
       return "cannot resolve the address of this host" + num;
     case 5005:
       return "no usable namespace list in the answer from " + at + num;
+    case oxCIM::ERR_ResponseTooLarge:
+      return "the answer from " + at + " is larger than the client accepts" + num;
     default:
       return (reason.empty() ? std::string("the request failed") : reason) + num;
   }
