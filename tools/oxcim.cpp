@@ -175,11 +175,12 @@ int Classes(Ctx& x, const std::string& cls, bool deep, bool full) {
 
 int GetClass(Ctx& x, const std::string& cls, bool localOnly) {
   x.c.setCurrentClass(cls.c_str(), x.ns.c_str());
-  const unsigned long r = x.c.Imethod_GetClass(localOnly ? 1 : 0, 1, -1, nullptr);
+  // The library's own extraction keeps less than we print, so its verdict is not ours.
+  x.c.Imethod_GetClass(localOnly ? 1 : 0, 1, -1, nullptr);
   if (x.c.ChkCimStatus() != 0) return Failed(x);
   Answer a(x.c.m_Response);
   CIMelement* e = a.result ? a.result->findelement(ElementId("CLASS"), 0) : nullptr;
-  if (r != 0 || e == nullptr) {
+  if (e == nullptr) {
     std::cerr << "oxcim: the answer from " << x.c.m_Host << ":" << x.c.m_Port
               << " holds no class " << cls << "\n";
     return kFailed;
@@ -273,9 +274,12 @@ int Done(Ctx& x, const std::string& operation, const std::string& what, Json det
   return kOk;
 }
 
-// Values as the library's CreateInstance takes them: one typed block per property.
-struct NewInstance {
-  std::vector<oxCIM::_properties_> records;
+// Values as the library takes them for new instances and method parameters: one typed
+// block per value, alive as long as this object.
+struct TypedValues {
+  TypedValues(std::string command, std::string hint)
+      : command(std::move(command)), hint(std::move(hint)) {}
+  std::string command, hint;  // for the refusals
   std::deque<std::vector<unsigned char>> blocks;
   std::deque<std::string> texts;
   std::deque<CIMelement> refs;
@@ -306,15 +310,15 @@ struct NewInstance {
       }
       case 1:
         if (a.array && a.items.size() > 1)
-          throw UsageError{a.name + ": create-instance cannot send string arrays (the library "
-                                    "writes one text in every item); set it with modify-instance"};
+          throw UsageError{a.name + ": " + command + " cannot send string arrays (the library "
+                                                     "writes one text in every item)" + hint};
         texts.push_back(XmlEscape(a.items.empty() ? "" : a.items[0]));
         return texts.back().c_str();
       case 3: return Block<uint8_t>(a.items);
       case 4:
         for (const std::string& i : a.items)
           if (!i.empty() && i[0] == '-')
-            throw UsageError{a.name + ": create-instance cannot send negative sint8 values"};
+            throw UsageError{a.name + ": " + command + " cannot send negative sint8 values" + hint};
         return Block<int8_t>(a.items);
       case 5: return Block<uint16_t>(a.items);
       case 6: return Block<int16_t>(a.items);
@@ -325,12 +329,13 @@ struct NewInstance {
       case 12: return Block<float>(a.items);
       case 13: return Block<double>(a.items);
       default:
-        throw UsageError{a.name + ": create-instance cannot send " + a.type +
-                         " values; set it with modify-instance"};
+        throw UsageError{a.name + ": " + command + " cannot send " + a.type + " values" + hint};
     }
   }
 
-  explicit NewInstance(const std::vector<Assignment>& props) {
+  // The records of a new instance, ended by a null name.
+  std::vector<oxCIM::_properties_> Properties(const std::vector<Assignment>& props) {
+    std::vector<oxCIM::_properties_> records;
     for (const Assignment& a : props) {
       oxCIM::_properties_ r{};
       texts.push_back(a.name);
@@ -350,13 +355,15 @@ struct NewInstance {
       records.push_back(r);
     }
     records.push_back(oxCIM::_properties_{});
+    return records;
   }
 };
 
 int CreateInstance(Ctx& x, const std::string& cls, const std::vector<std::string>& args) {
-  NewInstance inst(Assignments(args));
+  TypedValues values("create-instance", "; set it with modify-instance");
+  std::vector<oxCIM::_properties_> records = values.Properties(Assignments(args));
   x.c.setCurrentClass(cls.c_str(), x.ns.c_str());
-  x.c.Imethod_CreateInstance(inst.records.data());
+  x.c.Imethod_CreateInstance(records.data());
   if (x.c.ChkCimStatus() != 0) return Failed(x);
   if (RawAnswer(x)) return kOk;
   Answer a(x.c.m_Response);
@@ -653,6 +660,8 @@ void Connect(Ctx& x, oxcimtool::CimSimulator& sim) {
   c.m_VerifyPeer = t.protocol == "https" && !s.insecure ? 1 : 0;
   c.m_NoIPCheck = s.noIPCheck || s.simulator || IsLoopback(t.host);
   if (!c.m_NoIPCheck) ResolveAddresses(c);
+  // The library's resolver skips loopback addresses, which are the right ones here.
+  if (s.simulator || IsLoopback(t.host)) c.m_LocalIP = t.host == "::1" ? "::1" : "127.0.0.1";
 
   if (s.timeout > 0) {
     // The library's own limit is per exchange and it retries once; this bounds the whole run.
