@@ -157,6 +157,7 @@ CIMconnection& CIMconnection::operator=(const CIMconnection& other) try {
   m_Reserved = other.m_Reserved;
   m_NoIPCheck = other.m_NoIPCheck;
   m_MaxResponseBytes = other.m_MaxResponseBytes;
+  m_StandardModifyInstance = other.m_StandardModifyInstance;
 
   m_Host = other.m_Host;
   m_User = other.m_User;

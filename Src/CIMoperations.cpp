@@ -715,14 +715,26 @@ unsigned long CIMcontainer::Imethod_ModifyInstance(CIMelement* instanceName,
     return ChkCimStatus();
   }
   addOptionalPropertyList(propertyList);
-  // The named instance stands directly in IMETHODCALL, with the InstanceName parameter inside.
+  // By default the named instance stands directly in IMETHODCALL, with the InstanceName
+  // parameter inside; the standard layout wraps it in a ModifiedInstance parameter instead.
+  const bool standard = m_StandardModifyInstance;
+  if (standard) {
+    beginElement(E_IPARAMVALUE, nullptr);
+    addAttribute(A_NAME, "ModifiedInstance", ">\n");
+  }
   beginElement(E_VALUE_NAMEDINSTANCE, ">\n");
-  addInstanceNameParam(instanceName);
+  if (!standard) {
+    addInstanceNameParam(instanceName);
+  } else if (!instanceName || instanceName->GenerateCIMXML(m_Request) != 0) {
+    FAIL_REQUEST("Imethod_ModifyInstance() bad CIMelement: instancename");
+    return ChkCimStatus();
+  }
   if (modifiedInstance.GenerateCIMXML(m_Request) != 0) {
     FAIL_REQUEST("Imethod_ModifyInstance() bad CIMelement: modifiedinstance");
     return ChkCimStatus();
   }
   endElement(E_VALUE_NAMEDINSTANCE);
+  if (standard) endElement(E_IPARAMVALUE);
   return performIntrinsicMethod();
 }
 OX_CATCH_RETURN(1001)

@@ -1,20 +1,24 @@
 // Indications accepted per second by the listener, one connection per
 // indication (as CIM servers send them), beside a minimal accept-reply-close
-// responder on the same machine in the same run.
+// responder on the same machine in the same run; and how long a stop takes
+// with thousands of connections open in the middle of their requests.
 #include <benchmark/benchmark.h>
 #include <oxCIM.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -119,6 +123,77 @@ BENCHMARK(BM_MinimalResponder)->Threads(1)->Threads(16)->UseRealTime()->MinTime(
     ->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_Listener)->Threads(1)->Threads(16)->UseRealTime()->MinTime(0.5)
     ->Repetitions(5)->ReportAggregatesOnly(true);
+
+int ActiveReaders() { return __atomic_load_n(&oxCIM::ListenerThreadIsActive, __ATOMIC_SEQ_CST); }
+
+template <typename Pred>
+bool WaitFor(Pred pred, std::chrono::seconds limit) {
+  for (auto end = std::chrono::steady_clock::now() + limit; !pred();
+       std::this_thread::sleep_for(std::chrono::milliseconds(2)))
+    if (std::chrono::steady_clock::now() > end) return false;
+  return true;
+}
+
+// Opens `n` connections, each waits until its reader is running (the listen
+// queue is short); `part` is what each sends first ("" for none).
+bool OpenStalled(int port, int n, const std::string& part, std::vector<int>& fds) {
+  const int base = ActiveReaders();
+  for (int i = 0; i < n; ++i) {
+    int s = oxtest::Connect(port);
+    if (s == -1) return false;
+    fds.push_back(s);
+    if (!part.empty() && !oxtest::SendAll(s, part)) return false;
+    if (i % 100 == 99 && !WaitFor([&] { return ActiveReaders() >= base + i + 1; }, std::chrono::seconds(3)))
+      return false;
+  }
+  return WaitFor([&] { return ActiveReaders() >= base + n; }, std::chrono::seconds(3));
+}
+
+// Time of stop_Listener with range(0) connections open: half of them have sent
+// their header and part of the body, half nothing at all (the idle ones go after
+// 5 s, so they are opened last). Every repetition restarts the same object on the
+// same port.
+void BM_StopWithOpenConnections(benchmark::State& state) {
+  const int n = static_cast<int>(state.range(0));
+  rlimit rl{};
+  getrlimit(RLIMIT_NOFILE, &rl);
+  rl.rlim_cur = rl.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &rl);
+  if (rl.rlim_cur < static_cast<rlim_t>(2 * n + 200)) {
+    state.SkipWithError("descriptor limit too low");
+    return;
+  }
+  static oxCIM::CIMindication listener;
+  static const int port = oxtest::FreePort();
+  const std::string& request = RequestText();
+  const std::string midBody = request.substr(0, request.find("\r\n\r\n") + 4 + 40);
+  for (auto _ : state) {
+    listener.pCallBack = &Count;
+    listener.m_Port = port;
+    if (listener.start_Listener() != 0 ||
+        !WaitFor([&] { return SendOne(port); }, std::chrono::seconds(5)) ||
+        !WaitFor([] { return ActiveReaders() == 0; }, std::chrono::seconds(5))) {
+      state.SkipWithError("listener did not start");
+      break;
+    }
+    std::vector<int> fds;
+    bool ok = OpenStalled(port, n / 2, midBody, fds) && OpenStalled(port, n - n / 2, "", fds);
+    state.counters["readers"] = ActiveReaders();
+    auto t0 = std::chrono::steady_clock::now();
+    listener.stop_Listener();
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - t0;
+    state.SetIterationTime(took.count());
+    state.counters["left"] = ActiveReaders();
+    for (int fd : fds) close(fd);
+    if (!ok) {
+      state.SkipWithError("could not open the connections");
+      break;
+    }
+  }
+}
+
+BENCHMARK(BM_StopWithOpenConnections)->Arg(2000)->Iterations(1)->Repetitions(5)->UseManualTime()
+    ->ReportAggregatesOnly(true)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -33,6 +33,20 @@ extern OXCIM_API int do_cim_debug;
 // Shared between threads: access it with __atomic builtins.
 extern OXCIM_API int ListenerThreadIsActive;
 
+// Property names used by the subscription operations.
+extern OXCIM_API const char* const PROP_NAME;                     // "Name"
+extern OXCIM_API const char* const PROP_CREATIONCLASSNAME;        // "CreationClassName"
+extern OXCIM_API const char* const PROP_QUERY;                    // "Query"
+extern OXCIM_API const char* const PROP_QUERYLANGUAGE;            // "QueryLanguage"
+extern OXCIM_API const char* const PROP_SOURCENAMESPACE;          // "SourceNamespace"
+extern OXCIM_API const char* const PROP_SOURCENAMESPACES;         // "SourceNamespaces"
+extern OXCIM_API const char* const PROP_DESTINATION;              // "Destination"
+extern OXCIM_API const char* const PROP_PERSISTENCETYPE;          // "PersistenceType"
+extern OXCIM_API const char* const PROP_PROTOCOL;                 // "Protocol"
+extern OXCIM_API const char* const PROP_FILTER;                   // "Filter"
+extern OXCIM_API const char* const PROP_HANDLER;                  // "Handler"
+extern OXCIM_API const char* const PROP_SUBSCRIPTIONSTATE;        // "SubscriptionState"
+
 // m_Info bits.
 constexpr unsigned NO_Auth = 0x200;
 constexpr unsigned NO_Connect = 0x400;
@@ -57,6 +71,7 @@ constexpr unsigned long TRACE_ERROR = 0x40000000;
 
 class CIMelement;
 class CIMindication;
+class CIMcontainer;
 
 // Growable argv/argc array of heap blocks with its own lock.
 class OXCIM_API CIMarray {
@@ -191,6 +206,11 @@ class OXCIM_API CIMconnection {
   std::string m_ServerIP;
   std::string m_FQDN;
   std::string m_OSName;
+  // ModifyInstance layout: false (default) writes the VALUE.NAMEDINSTANCE directly in
+  // IMETHODCALL with an InstanceName IPARAMVALUE inside; true writes DSP0200's
+  // IPARAMVALUE NAME="ModifiedInstance" holding VALUE.NAMEDINSTANCE (INSTANCENAME, INSTANCE),
+  // which servers that drop the connection on the default layout accept.
+  bool m_StandardModifyInstance = false;
   void* m_Curl;  // CURL*
   curl_slist* m_HeaderList;
   Brix::Threading::Native_OS::CCriticalSection m_Lock;
@@ -290,6 +310,78 @@ class OXCIM_API CIMcontainer : public CIMconnection {
   unsigned long Imethod_EnumerateQualifiers();
 
   unsigned long getNameSpace(CIMarray& names);
+
+  // --- Extrinsic methods, the storage-device tree, indication subscriptions -------------
+  // (Src/CIMindication.cpp)
+
+  // Invokes methodName on the instance named by instanceName (an INSTANCENAME tree, sent in
+  // the namespace of m_pcls) or, when it is null, on the class m_pcls. params: ended by a
+  // null name, may be null; each entry becomes a PARAMVALUE with PARAMTYPE and a VALUE (or
+  // VALUE.ARRAY) formatted by ValueToString; type 15 (reference) takes a CIMelement*
+  // instance name as its value (an array: a CIMelement* const* of count entries) and is
+  // written as VALUE.REFERENCE. A type above 15 or a missing target fails with 1001 and
+  // sends nothing. Retried once like the intrinsic methods. Returns 0 or the status code;
+  // the answer stays in m_ResponseTree until the next exchange.
+  unsigned long performExtrinsicMethod(const char* methodName, CIMelement* instanceName,
+                                       _paramvalue_* params);
+  // Text of the RETURNVALUE of the last method call, or null.
+  const char* getReturnValue();
+  // The PARAMVALUE element named `name` of the last method response, or null. Its subtree
+  // holds the VALUE, VALUE.ARRAY, VALUE.REFERENCE (with its INSTANCENAME, which can be
+  // passed on to other operations) or embedded INSTANCE; it lives in m_ResponseTree.
+  CIMelement* getOutParameter(const char* name);
+  // Moves that PARAMVALUE out of m_ResponseTree: the caller owns the returned tree
+  // (delete it) and can pass its INSTANCENAME or INSTANCE on to later operations.
+  CIMelement* takeOutParameter(const char* name);
+  // The text of a scalar output parameter (its first VALUE), or null.
+  const char* getOutParameterValue(const char* name);
+
+  // The prepared "GetStorageDeviceTree" call on the storage system named by storageSystem
+  // (an INSTANCENAME tree) or, when it is null, on the class m_pcls. On success the
+  // devices of the answer are moved onto m_pcls: every INSTANCE (also those embedded as
+  // text in a VALUE) into m_pcls->m_Properties, every INSTANCENAME into
+  // m_pcls->m_InstanceNames, in document order. Returns 0 or the status code; 5005 when
+  // the call succeeded but the answer held no device.
+  unsigned long get_sdt_from_core(CIMelement* storageSystem, _paramvalue_* params);
+
+  // Starts this container's listener (m_Listener, owned by the container) on `port` with
+  // `callback` (the port must be free), then creates in "root/interop" an indication
+  // filter (query, language, source namespace), a CIM-XML listener destination
+  // http://<m_LocalIP>:<port> and a subscription joining them; the listener runs first so
+  // that no early indication is lost. language null or empty: "WQL"; sourceNamespace null
+  // or empty: the namespace of m_pcls, else "root/cimv2". Returns 0 or the first error; on
+  // failure whatever was created is deleted again and the listener stopped. m_pcls is
+  // left as it was.
+  unsigned long subscribe(const char* query, const char* language, const char* sourceNamespace,
+                          int port, int (*callback)(std::string&));
+  // 0 when the three instances still exist and the listener runs; otherwise re-creates
+  // what is missing (traced) and returns the result of that.
+  unsigned long subscribe_check();
+  // Deletes the subscription, destination and filter subscribe created, then stops and
+  // frees the listener. Returns 0 or the first error (everything is tried).
+  unsigned long unsubscribe();
+  // Deletes every subscription on the server whose destination points at m_LocalIP, with
+  // its destination and filter: the clean-up after a client that died. Returns 0 or the
+  // first error.
+  unsigned long unsubscribe_all();
+
+  // What subscribe created (instance-name trees owned here) and needs to re-create it.
+  // Its destructor stops and frees the listener subscribe started.
+  struct OXCIM_API Subscription {
+    std::string query, language, sourceNamespace;
+    int32_t port = 0;
+    int (*callback)(std::string&) = nullptr;
+    CIMelement* filter = nullptr;
+    CIMelement* destination = nullptr;
+    CIMelement* subscription = nullptr;
+    CIMindication* listener = nullptr;  // also in m_Listener while running
+    Subscription() = default;
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+    ~Subscription();
+    void clear();  // frees the names and the listener
+  };
+  Subscription m_Subscription;
 };
 
 // Formats values[index] of the given type into out (replaced); returns out's new length.

@@ -229,6 +229,8 @@ void Fill(CIMconnection& s) {
   for (auto m : kInts) s.*m = 1000 + ++n;
   s.m_Info = oxCIM::NO_Auth;
   s.m_NoIPCheck = true;
+  s.m_StandardModifyInstance = true;
+  s.m_MaxResponseBytes = 12345;
   BuildTree(s.m_ResponseTree);
 }
 
@@ -237,6 +239,8 @@ void ExpectCopied(const CIMconnection& d, const CIMconnection& s) {
   for (auto m : kInts) EXPECT_EQ(d.*m, s.*m);
   EXPECT_EQ(d.m_Info, s.m_Info);
   EXPECT_EQ(d.m_NoIPCheck, s.m_NoIPCheck);
+  EXPECT_EQ(d.m_StandardModifyInstance, s.m_StandardModifyInstance);
+  EXPECT_EQ(d.m_MaxResponseBytes, s.m_MaxResponseBytes);
   EXPECT_EQ(d.m_ErrCnt.get(), s.m_ErrCnt.get());
   EXPECT_EQ(d.m_SharedLock.get(), s.m_SharedLock.get());
   // The tree is a copy with its own nodes, texts and parent links.

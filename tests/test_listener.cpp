@@ -5,7 +5,11 @@
 #include "TestSupport.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +18,8 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,12 +40,25 @@ namespace {
 std::mutex g_mu;
 std::condition_variable g_cv;
 std::vector<std::string> g_bodies;  // what the callback received, in order
+bool g_hold = false;                // the callback waits until this is cleared
+int g_throw = 0;                    // the next callback throws: 1 runtime_error, 2 bad_alloc
 
 int RecordBody(std::string& body) {
-  std::lock_guard<std::mutex> lock(g_mu);
+  std::unique_lock<std::mutex> lock(g_mu);
   g_bodies.push_back(body);
   g_cv.notify_all();
+  g_cv.wait_for(lock, 10s, [] { return !g_hold; });
+  int t = g_throw;
+  g_throw = 0;
+  if (t == 1) throw std::runtime_error("callback failed");
+  if (t == 2) throw std::bad_alloc();
   return 0;
+}
+
+void Hold(bool on) {
+  std::lock_guard<std::mutex> lock(g_mu);
+  g_hold = on;
+  g_cv.notify_all();
 }
 
 size_t BodyCount() {
@@ -149,6 +168,8 @@ TEST_F(Listener, AnswersEachRequestWithItsMessageId) {
       {WithId("abc"), "Content-Length", "1"},
       {Indication("<message id=\"55\" PROTOCOLVERSION=\"1.0\">"), "Content-Length", "1"},
       {WithId("2147483647"), "cOnTeNt-LeNgTh", "2147483647"},
+      {WithId("2147483648"), "Content-Length", "1"},  // does not fit the reply's number
+      {WithId("99999999999999999999999"), "Content-Length", "1"},
       {"<?XML" + WithId("8").substr(5), "content-length", "8"},
   };
   size_t n = 0;
@@ -164,45 +185,98 @@ TEST_F(Listener, AnswersEachRequestWithItsMessageId) {
 TEST_F(Listener, DropsRequestsWithoutUsableLength) {
   TraceCapture tc;
   std::string body = WithId("5");
-  const char* heads[] = {"Host: x", "Content-Length: 0", "Content-Length: -20",
-                         "Content-Length: 67108865", "Content-Length: 4294967296"};
-  for (const char* head : heads) {
-    SCOPED_TRACE(head);
-    EXPECT_EQ(oxtest::RawExchange(port, std::string("POST / HTTP/1.1\r\n") + head + "\r\n\r\n" + body), "");
+  const std::string pad = "X-Pad: " + std::string(8200, 'p') + "\r\n";
+  const std::string heads[] = {
+      "Host: x", "Content-Length: 0", "Content-Length: -20", "Content-Length: 67108865",
+      // Values that do not fit: never wrapped round to something small.
+      "Content-Length: 4294967296", "Content-Length: 4294967297",
+      "Content-Length: 18446744073709551617", "Content-Length: " + std::string(400, '9'),
+      // Only the first 8191 bytes of a header are read.
+      pad + "Content-Length: " + std::to_string(body.size())};
+  for (const auto& head : heads) {
+    SCOPED_TRACE(head.substr(0, 60));
+    EXPECT_EQ(oxtest::RawExchange(port, "POST / HTTP/1.1\r\n" + head + "\r\n\r\n" + body), "");
   }
   EXPECT_TRUE(Eventually([&] {
-    return tc.count(TRACE_ERROR, "readerThread: missing Content-Length") == 5;
+    return tc.count(TRACE_ERROR, "readerThread: missing Content-Length") == 9;
   }));
   EXPECT_EQ(BodyCount(), 0u);
 }
 
-TEST_F(Listener, AssemblesBodiesSplitOverManyReads) {
+// Sends `request` cut at `cuts`, each piece in a segment of its own.
+void SendInPieces(int s, const std::string& request, const std::vector<size_t>& cuts) {
+  int one = 1;
+  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  auto pause = cuts.size() > 20 ? 200us : 30ms;
+  size_t from = 0;
+  for (size_t cut : cuts) {
+    ASSERT_TRUE(SendAll(s, request.substr(from, cut - from)));
+    std::this_thread::sleep_for(pause);
+    from = cut;
+  }
+  ASSERT_TRUE(SendAll(s, request.substr(from)));
+}
+
+TEST_F(Listener, RequestsCutAnywhereAreDeliveredOnce) {
   std::string body = WithId("77");
   std::string request = Request(body);
   size_t head = request.size() - body.size();
-  // Dribbled: headers plus a few bytes, then small pieces.
-  int s = Connect(port);
-  ASSERT_TRUE(SendAll(s, request.substr(0, head + 10)));
-  for (size_t off = head + 10; off < request.size(); off += 37) {
-    std::this_thread::sleep_for(2ms);
-    ASSERT_TRUE(SendAll(s, request.substr(off, 37)));
+  size_t length = request.find("Content-Length");
+  std::vector<size_t> bytewise, dribble{head + 10};
+  for (size_t i = 1; i < request.size(); ++i) bytewise.push_back(i);
+  for (size_t i = head + 47; i < request.size(); i += 37) dribble.push_back(i);
+  const std::pair<const char*, std::vector<size_t>> cases[] = {
+      {"request line alone", {request.find("\r\n") + 2}},
+      {"in the Content-Length name", {length + 4}},
+      {"in the Content-Length value", {length + 17}},
+      {"in the empty line", {head - 1}},
+      {"headers alone", {head}},
+      {"inside <?xml", {head + 3}},
+      {"header, then the body in small pieces", dribble},
+      {"one byte per send", bytewise},
+  };
+  size_t n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    int s = Connect(port);
+    SendInPieces(s, request, c.second);
+    EXPECT_EQ(ReadAll(s), ExpectedReply("77"));
+    close(s);
+    ASSERT_TRUE(WaitForBodies(++n));
   }
-  EXPECT_EQ(ReadAll(s), ExpectedReply("77"));
-  close(s);
-  // Headers alone in the first read.
-  s = Connect(port);
-  ASSERT_TRUE(SendAll(s, request.substr(0, head)));
-  std::this_thread::sleep_for(50ms);
-  ASSERT_TRUE(SendAll(s, body));
-  EXPECT_EQ(ReadAll(s), ExpectedReply("77"));
-  close(s);
   // Several times the 8191-byte read size, in one go.
   std::string big = Indication("<MESSAGE ID=\"78\">", std::string(50000, 'x') + "<end>");
   EXPECT_EQ(oxtest::RawExchange(port, Request(big)), ExpectedReply("78"));
+  ASSERT_TRUE(WaitForBodies(++n));
+  // A header longer than the read buffer counts as far as the buffer goes.
+  std::string longHead = "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
+                         "\r\nX-Pad: " + std::string(9000, 'p') + "\r\n\r\n" + body;
+  EXPECT_EQ(oxtest::RawExchange(port, longHead), ExpectedReply("77"));
+  ASSERT_TRUE(WaitForBodies(++n));
 
-  ASSERT_TRUE(WaitForBodies(3));
+  std::vector<std::string> want(n - 2, body);
+  want.push_back(big);
+  want.push_back(body);
   std::lock_guard<std::mutex> lock(g_mu);
-  EXPECT_EQ(g_bodies, (std::vector<std::string>{body, body, big}));
+  EXPECT_EQ(g_bodies, want);  // each exactly once, whole
+}
+
+TEST_F(Listener, ExceptionsInAReaderAreTracedAndServingGoesOn) {
+  TraceCapture tc;
+  for (int kind : {1, 2}) {
+    {
+      std::lock_guard<std::mutex> lock(g_mu);
+      g_throw = kind;
+    }
+    EXPECT_EQ(oxtest::RawExchange(port, Request(WithId("6"))), ExpectedReply("6"));
+  }
+  EXPECT_TRUE(Eventually([&] {
+    return tc.count(TRACE_ERROR, "readerThread: Exception raised: callback failed") == 1 &&
+           tc.count(TRACE_ERROR, "readerThread: Exception raised: std::bad_alloc") == 1;
+  }));
+  EXPECT_EQ(oxtest::RawExchange(port, Request(WithId("7"))), ExpectedReply("7"));
+  EXPECT_TRUE(WaitForBodies(3));
+  EXPECT_TRUE(Eventually([] { return ActiveReaders() == 0; }));
 }
 
 TEST_F(Listener, ShortBodyThenCloseIsNotDelivered) {
@@ -262,11 +336,11 @@ TEST_F(Listener, StopIsPromptAndThePortIsFreeAtOnce) {
   }
 }
 
-TEST_F(Listener, StopWaitsForReadersInFlight) {
-  std::string request = Request(WithId("31"));
+TEST_F(Listener, StopWaitsForACallbackInFlight) {
+  Hold(true);
   int s = Connect(port);
-  ASSERT_TRUE(SendAll(s, request.substr(0, request.size() - 10)));
-  ASSERT_TRUE(Eventually([] { return ActiveReaders() == 1; }));
+  ASSERT_TRUE(SendAll(s, Request(WithId("31"))));
+  ASSERT_TRUE(WaitForBodies(1));
   std::atomic<bool> stopped{false};
   std::thread stopper([&] {
     listener.stop_Listener();
@@ -275,12 +349,75 @@ TEST_F(Listener, StopWaitsForReadersInFlight) {
   std::this_thread::sleep_for(300ms);
   EXPECT_FALSE(stopped.load());
   EXPECT_EQ(Connect(port), -1);  // no new connections once the stop has begun
-  EXPECT_TRUE(SendAll(s, request.substr(request.size() - 10)));
-  EXPECT_EQ(ReadAll(s), ExpectedReply("31"));
-  close(s);
+  Hold(false);
   stopper.join();
-  EXPECT_EQ(BodyCount(), 1u);  // the acknowledged indication arrived before stop returned
+  EXPECT_EQ(ReadAll(s), ExpectedReply("31"));  // acknowledged before the callback ran
+  close(s);
+  EXPECT_EQ(BodyCount(), 1u);
   EXPECT_EQ(ActiveReaders(), 0);
+}
+
+// Soft descriptor limit up to the hard one; true when `want` descriptors fit.
+bool RaiseFdLimit(rlim_t want) {
+  rlimit rl{};
+  getrlimit(RLIMIT_NOFILE, &rl);
+  if (rl.rlim_cur < rl.rlim_max) {
+    rl.rlim_cur = rl.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &rl);
+  }
+  return rl.rlim_cur >= want;
+}
+
+TEST(ListenerStop, StalledPeersNeitherDelayNorOutliveTheStop) {
+  // Push every socket of the test beyond FD_SETSIZE, where select() cannot go.
+  std::vector<int> pads;
+  if (RaiseFdLimit(1400))
+    while (pads.size() < 1100) pads.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  TraceCapture tc;
+  std::string request = Request(WithId("5"));
+  size_t head = request.size() - WithId("5").size();
+  const std::string stalls[] = {"", request.substr(0, 20), request.substr(0, head),
+                                request.substr(0, head + 3), request.substr(0, head + 40)};
+  int port = FreePort();
+  auto* l = new oxCIM::CIMindication;
+  for (int round = 0; round < 2; ++round) {  // the second on the same object and port
+    SCOPED_TRACE(round);
+    StartAndProbe(*l, port);
+    std::vector<int> peers;
+    for (const auto& part : stalls) {
+      peers.push_back(Connect(port));
+      ASSERT_TRUE(peers.back() != -1 && (part.empty() || SendAll(peers.back(), part)));
+    }
+    // One more that drips its body, a byte at a time, and never finishes it.
+    int dripper = Connect(port);
+    ASSERT_TRUE(SendAll(dripper, request.substr(0, head)));
+    std::atomic<bool> quit{false};
+    std::thread drip([&] {
+      for (int i = 0; i < 100 && !quit && SendAll(dripper, "<"); ++i)
+        std::this_thread::sleep_for(20ms);
+    });
+    ASSERT_TRUE(Eventually([&] { return ActiveReaders() == static_cast<int>(peers.size()) + 1; }));
+
+    auto t0 = Clock::now();
+    l->stop_Listener();
+    EXPECT_LT(Clock::now() - t0, 5s);  // not the 60-s receive wait nor the 30-s stop bound
+    EXPECT_EQ(ActiveReaders(), 0);     // every reader has returned
+    quit = true;
+    drip.join();
+    for (int s : peers) {
+      EXPECT_EQ(ReadAll(s), "");  // dropped, no reply
+      close(s);
+    }
+    close(dripper);
+  }
+  delete l;  // at once: no reader or listener thread may reach it any more
+  EXPECT_EQ(tc.count(TRACE_STATUS, "stop_Listener: Listener-Thread stopped."), 2);
+  EXPECT_EQ(tc.count(TRACE_ERROR, "stop_Listener: Listener-Thread is not stopped yet!"), 0);
+  EXPECT_EQ(BodyCount(), 0u);
+  oxCIM::CIMindication next;  // the port is free at once for another object too
+  StartAndProbe(next, port);
+  next.stop_Listener();
+  for (int fd : pads) close(fd);
 }
 
 TEST(ListenerLoad, ConcurrentSendersAreEachAnsweredAndDeliveredOnce) {
