@@ -353,6 +353,47 @@ TEST(ToolWrite, TypedJsonOfNewPathsAndQueries) {
   EXPECT_EQ(made["path"], "ACME_Vol.Id=-17,On=true");
 }
 
+TEST(ToolWrite, InvokePrintsTheReturnValueAndOutputParameters) {
+  oxtest::FakeCimServer srv;
+  srv.setDefault(oxtest::CannedResponse::cimOk(
+      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
+      "<MESSAGE ID=\"1\" PROTOCOLVERSION=\"1.0\"><SIMPLERSP><METHODRESPONSE "
+      "NAME=\"RequestStateChange\"><RETURNVALUE PARAMTYPE=\"uint32\"><VALUE>4096</VALUE>"
+      "</RETURNVALUE><PARAMVALUE NAME=\"Job\" PARAMTYPE=\"reference\"><VALUE.REFERENCE>"
+      "<INSTANCENAME CLASSNAME=\"CIM_ConcreteJob\"><KEYBINDING NAME=\"InstanceID\"><KEYVALUE "
+      "VALUETYPE=\"string\">job-1</KEYVALUE></KEYBINDING></INSTANCENAME></VALUE.REFERENCE>"
+      "</PARAMVALUE><PARAMVALUE NAME=\"Codes\" PARAMTYPE=\"uint16\"><VALUE.ARRAY><VALUE>1"
+      "</VALUE><VALUE>2</VALUE></VALUE.ARRAY></PARAMVALUE></METHODRESPONSE></SIMPLERSP>"
+      "</MESSAGE></CIM>\n"));
+  const Args call = {"invoke", "ACME_Vol.Id=v1", "RequestStateChange", "RequestedState=3:uint16",
+                     "Owner=ACME_Pool.Id=\"p1\":reference"};
+  const Result text = Oxcim(At(srv, call), kPw);
+  EXPECT_EQ(text.status, 0) << text.err;
+  EXPECT_EQ(text.out, "ReturnValue = 4096;\nJob = \"CIM_ConcreteJob.InstanceID=\\\"job-1\\\"\";\n"
+                      "Codes = {1, 2};\n");
+  Args a = At(srv, call);
+  a.insert(a.end(), {"--format", "json"});
+  const json j = Parsed(Oxcim(a, kPw));
+  EXPECT_EQ(j["returnvalue"], json({{"type", "uint32"}, {"value", 4096}}));
+  EXPECT_EQ(j["out"]["Job"]["value"]["keybindings"]["InstanceID"], "job-1");
+  EXPECT_EQ(j["out"]["Codes"]["value"], json({1, 2}));
+
+  const auto reqs = srv.requests();
+  ASSERT_EQ(reqs.size(), 2u);
+  EXPECT_EQ(reqs[0].header("CIMMethod"), "RequestStateChange");
+  for (const char* part :
+       {"<METHODCALL NAME=\"RequestStateChange\">", "<KEYVALUE VALUETYPE=\"string\">v1</KEYVALUE>",
+        "<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\">\n<VALUE>3</VALUE>",
+        "<PARAMVALUE NAME=\"Owner\" PARAMTYPE=\"reference\">\n<VALUE.REFERENCE>\n"
+        "<INSTANCENAME CLASSNAME=\"ACME_Pool\">"})
+    EXPECT_TRUE(Has(reqs[0].body, part)) << part << "\n" << reqs[0].body;
+
+  // A class-level call names no instance.
+  const Result onClass = Oxcim(At(srv, {"invoke", "ACME_Vol", "RequestStateChange"}), kPw);
+  EXPECT_EQ(onClass.status, 0) << onClass.err;
+  EXPECT_FALSE(Has(srv.requests().back().body, "INSTANCENAME CLASSNAME=\"ACME_Vol\""));
+}
+
 // --- refusals before anything is sent ----------------------------------------------
 
 TEST(ToolUsage, BadCommandLinesPrintTheCommandsUsage) {
@@ -405,7 +446,8 @@ TEST(ToolUsage, EveryCommandHasHelp) {
   for (const char* cmd :
        {"namespaces", "classes", "get-class", "create-class", "modify-class", "delete-class",
         "enumerate", "names", "get-instance", "create-instance", "modify-instance",
-        "delete-instance", "get-property", "set-property", "query", "listen", "serve"}) {
+        "delete-instance", "get-property", "set-property", "query", "invoke", "subscribe",
+        "listen", "serve"}) {
     EXPECT_TRUE(Has(top.out, std::string("  ") + cmd + " ")) << cmd;
     const Result r = Oxcim({cmd, "--help"});
     EXPECT_EQ(r.status, 0) << cmd;
@@ -527,25 +569,29 @@ int Interrupt(Child& c) {
   return Reap(c.pid, ended);
 }
 
+std::string Indication(const std::string& message) {
+  return "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
+         "<MESSAGE ID=\"42\" PROTOCOLVERSION=\"1.0\"><SIMPLEEXPREQ><EXPMETHODCALL "
+         "NAME=\"ExportIndication\"><EXPPARAMVALUE NAME=\"NewIndication\"><INSTANCE "
+         "CLASSNAME=\"CIM_AlertIndication\"><PROPERTY NAME=\"Message\" TYPE=\"string\"><VALUE>" +
+         message +
+         "</VALUE></PROPERTY><PROPERTY NAME=\"PerceivedSeverity\" TYPE=\"uint16\"><VALUE>6"
+         "</VALUE></PROPERTY></INSTANCE></EXPPARAMVALUE></EXPMETHODCALL></SIMPLEEXPREQ></MESSAGE>"
+         "</CIM>\n";
+}
+
+std::string Post(int port, const std::string& body) {
+  return oxtest::RawExchange(port, "POST /cimlistener HTTP/1.1\r\nContent-Type: application/xml\r\n"
+                                   "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
 TEST(ToolIndications, ListenPrintsEachIndicationUntilInterrupted) {
   const int port = oxtest::FreePort();
   Child c = Spawn({"listen", std::to_string(port), "--format", "json"}, {});
   ASSERT_GT(c.pid, 0);
   std::string err, out;
   ASSERT_TRUE(ReadUntil(c.err, err, [&] { return Has(err, "listening"); })) << err;
-  const std::string body =
-      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
-      "<MESSAGE ID=\"42\" PROTOCOLVERSION=\"1.0\"><SIMPLEEXPREQ><EXPMETHODCALL "
-      "NAME=\"ExportIndication\"><EXPPARAMVALUE NAME=\"NewIndication\"><INSTANCE "
-      "CLASSNAME=\"CIM_AlertIndication\"><PROPERTY NAME=\"Message\" TYPE=\"string\"><VALUE>disk "
-      "&amp; shelf</VALUE></PROPERTY><PROPERTY NAME=\"PerceivedSeverity\" TYPE=\"uint16\"><VALUE>6"
-      "</VALUE></PROPERTY></INSTANCE></EXPPARAMVALUE></EXPMETHODCALL></SIMPLEEXPREQ></MESSAGE></CIM>\n";
-  for (int n = 0; n < 2; ++n) {
-    const std::string reply = oxtest::RawExchange(
-        port, "POST /cimlistener HTTP/1.1\r\nContent-Type: application/xml\r\nContent-Length: " +
-                  std::to_string(body.size()) + "\r\n\r\n" + body);
-    EXPECT_EQ(reply.rfind("HTTP/1.1 200", 0), 0u) << reply;
-  }
+  for (int n = 0; n < 2; ++n) EXPECT_EQ(Post(port, Indication("disk &amp; shelf")).rfind("HTTP/1.1 200", 0), 0u);
   ASSERT_TRUE(ReadUntil(c.out, out, [&] { return Lines(out).size() >= 2; })) << out;
   for (const std::string& line : Lines(out)) {
     const json j = json::parse(line);
@@ -560,6 +606,38 @@ TEST(ToolIndications, ListenPrintsEachIndicationUntilInterrupted) {
   const Result taken = Oxcim({"listen", std::to_string(busy.port())});
   EXPECT_EQ(taken.status, 3);
   EXPECT_TRUE(Has(taken.err, "cannot listen on port")) << taken.err;
+}
+
+// The server side of a subscription as canned answers; the indication is sent by hand.
+TEST(ToolIndications, SubscribeUntilInterruptedThenUnsubscribe) {
+  oxtest::FakeCimServer srv;
+  srv.setDefault(oxtest::CannedResponse::cimOk(Answer(
+      "CreateInstance", "<IRETURNVALUE><INSTANCENAME CLASSNAME=\"CIM_Made\"><KEYBINDING NAME=\"Name\">"
+                        "<KEYVALUE VALUETYPE=\"string\">m1</KEYVALUE></KEYBINDING></INSTANCENAME>"
+                        "</IRETURNVALUE>")));
+  const int port = oxtest::FreePort();
+  Child c = Spawn(At(srv, {"subscribe", "SELECT * FROM CIM_AlertIndication", "--listen-port",
+                           std::to_string(port), "--format", "json"}),
+                  kPw);
+  std::string err, out;
+  ASSERT_TRUE(ReadUntil(c.err, err, [&] { return Has(err, "subscribed"); })) << err;
+  const auto made = srv.requests();
+  ASSERT_EQ(made.size(), 3u);
+  std::string created;
+  for (const auto& r : made) created += r.body;
+  EXPECT_TRUE(Has(created, "SELECT * FROM CIM_AlertIndication")) << created;
+  EXPECT_TRUE(Has(created, "http://127.0.0.1:" + std::to_string(port))) << created;
+
+  EXPECT_EQ(Post(port, Indication("fan &amp; PSU")).rfind("HTTP/1.1 200", 0), 0u);
+  ASSERT_TRUE(ReadUntil(c.out, out, [&] { return Has(out, "\n"); })) << out;
+  const json j = json::parse(Lines(out)[0]);
+  EXPECT_EQ(j["indication"]["properties"]["Message"]["value"], "fan & PSU");
+  EXPECT_EQ(j["indication"]["properties"]["PerceivedSeverity"]["value"], 6);
+
+  EXPECT_EQ(Interrupt(c), 0);
+  const auto all = srv.requests();
+  ASSERT_EQ(all.size(), 6u);
+  for (size_t n = 3; n < all.size(); ++n) EXPECT_EQ(all[n].header("CIMMethod"), "DeleteInstance");
 }
 
 // The simulator on its own serves other clients, reached by URL.

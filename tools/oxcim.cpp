@@ -54,6 +54,7 @@ struct SetupError {
 
 struct Ctx {
   Settings s;
+  bool untilInterrupted = false;  // runs until a signal: --timeout bounds its requests only
   oxCIM::CIMcontainer c;
   std::string ns;
   bool Json() const { return s.format == "json"; }
@@ -357,6 +358,28 @@ struct TypedValues {
     records.push_back(oxCIM::_properties_{});
     return records;
   }
+
+  // The parameters of a method call, ended by a null name.
+  std::vector<oxCIM::_paramvalue_> Parameters(const std::vector<Assignment>& params) {
+    std::vector<oxCIM::_paramvalue_> records;
+    for (const Assignment& a : params) {
+      oxCIM::_paramvalue_ r{};
+      texts.push_back(a.name);
+      r.name = texts.back().c_str();
+      r.type = static_cast<uint32_t>(TypeId(a.type)) | (a.array ? 0x100u : 0u);
+      r.count = a.items.size();
+      if (a.type == "reference") {
+        refs.emplace_back();
+        r.value = BuildInstanceName(&refs.back(), a.refs[0]);
+        r.count = 1;
+      } else if (!a.null) {
+        r.value = Values(a);
+      }
+      records.push_back(r);
+    }
+    records.push_back(oxCIM::_paramvalue_{});
+    return records;
+  }
 };
 
 int CreateInstance(Ctx& x, const std::string& cls, const std::vector<std::string>& args) {
@@ -456,6 +479,50 @@ int Query(Ctx& x, const std::string& query, const std::string& language) {
   if (RawAnswer(x)) return kOk;
   Answer a(x.c.m_Response);
   PrintInstances(x, ReadInstances(a.result), true);
+  return kOk;
+}
+
+// --- methods ------------------------------------------------------------------------
+
+// One value of a method's answer: its RETURNVALUE or an output PARAMVALUE.
+Property MethodValue(CIMelement* e, const std::string& name) {
+  Property p;
+  p.name = name;
+  p.value.type = AttrOf(e, "PARAMTYPE");
+  for (CIMelement* c : ChildrenOf(e)) {
+    const CimValue v = ReadValue(c, p.value.type);
+    if (!v.null) {
+      p.value = v;
+      break;
+    }
+  }
+  return p;
+}
+
+int Invoke(Ctx& x, const InstancePath& target, const std::string& method,
+           const std::vector<std::string>& args) {
+  TypedValues values("invoke", "");
+  std::vector<oxCIM::_paramvalue_> params = values.Parameters(Assignments(args));
+  CIMelement name;
+  const bool onInstance = !target.keys.empty();
+  if (onInstance) BuildInstanceName(&name, target);
+  x.c.setCurrentClass(target.className.c_str(), Namespace(x, target).c_str());
+  x.c.performExtrinsicMethod(method.c_str(), onInstance ? &name : nullptr, params.data());
+  if (x.c.ChkCimStatus() != 0) return Failed(x);
+  if (RawAnswer(x)) return kOk;
+  Answer a(x.c.m_Response);
+  CIMelement* response = a.root.findelement(ElementId("METHODRESPONSE"), 0);
+  Json out = Json::object(), returned = nullptr;
+  std::ostringstream text;
+  for (CIMelement* e : ChildrenOf(response)) {
+    const bool isReturn = Is(e, "RETURNVALUE");
+    if (!isReturn && !Is(e, "PARAMVALUE")) continue;
+    const Property p = MethodValue(e, isReturn ? "ReturnValue" : AttrOf(e, "NAME"));
+    text << p.name << " = " << ValueText(p.value) << ";\n";
+    (isReturn ? returned : out[p.name]) = PropertyJson(p);
+  }
+  if (x.Json()) return PrintJson({{"method", method}, {"returnvalue", returned}, {"out", out}}), kOk;
+  std::cout << text.str();
   return kOk;
 }
 
@@ -575,6 +642,33 @@ int Listen(const std::string& format, int port) {
   return kOk;
 }
 
+int Subscribe(Ctx& x, const std::string& query, const std::string& language,
+              const std::string& sourceNs, int port, const std::string& listenAddress) {
+  if (!listenAddress.empty()) x.c.m_LocalIP = listenAddress;
+  if (x.c.m_LocalIP.empty()) {
+    char local[256] = "";
+    gethostname(local, sizeof local - 1);
+    x.c.setIPAddress(local, x.c.m_LocalIP, nullptr);
+    x.c.m_ErrCode = 0;
+  }
+  if (x.c.m_LocalIP.empty())
+    throw SetupError{"no address of this host for the server to send to: give --listen-address"};
+  PortFree(port);
+  g_Format = x.s.format;
+  x.c.setCurrentClass("", x.ns.c_str());
+  if (x.c.subscribe(query.c_str(), language.c_str(), sourceNs.c_str(), port, OnIndication) != 0)
+    return Failed(x);
+  std::cerr << "oxcim: subscribed; indications arrive on port " << port << " (interrupt to end)"
+            << std::endl;
+  const sigset_t stop = StopSignals();
+  int sig = 0;
+  sigwait(&stop, &sig);
+  ClearReasons();
+  if (x.c.unsubscribe() != 0) return Failed(x);
+  std::cerr << "oxcim: unsubscribed" << std::endl;
+  return kOk;
+}
+
 // --- the simulator on its own ----------------------------------------------------------
 
 int Serve(long seconds) {
@@ -663,9 +757,9 @@ void Connect(Ctx& x, oxcimtool::CimSimulator& sim) {
   // The library's resolver skips loopback addresses, which are the right ones here.
   if (s.simulator || IsLoopback(t.host)) c.m_LocalIP = t.host == "::1" ? "::1" : "127.0.0.1";
 
-  if (s.timeout > 0) {
+  if (s.timeout > 0) c.SetExtraTimeOut(s.timeout - 18);
+  if (s.timeout > 0 && !x.untilInterrupted) {
     // The library's own limit is per exchange and it retries once; this bounds the whole run.
-    c.SetExtraTimeOut(s.timeout - 18);
     g_AlarmText = "oxcim: no answer from " + t.host + ":" + t.port + " within " +
                   std::to_string(s.timeout) + " seconds\n";
     signal(SIGALRM, OnAlarm);
@@ -710,13 +804,13 @@ int main(int argc, char** argv) {
   app.add_flag("--simulator", s.simulator, "talk to an embedded simulated CIM server");
 
   // Command arguments.
-  std::string cls, path, prop, file, query, language = "WQL";
+  std::string cls, path, prop, file, query, language = "WQL", method, sourceNs, listenAddress;
   std::vector<std::string> keys, props, values;
   bool deep = false, full = false, shallow = false, localOnly = false;
-  int port = 0;
+  int port = 0, listenPort = 5990;
   long seconds = 0;
   std::function<int(Ctx&)> run;
-  bool needsServer = true;
+  bool needsServer = true, untilInterrupted = false;
 
   auto command = [&](const char* name, const char* what) {
     CLI::App* sub = app.add_subcommand(name, what);
@@ -812,11 +906,38 @@ int main(int argc, char** argv) {
   sub->add_option("--language", language, "query language (default WQL)");
   sub->callback([&] { run = [&](Ctx& x) { return Query(x, query, language); }; });
 
+  sub = command("invoke", "call a method of an instance (a path with keys) or of a class; "
+                          "prints the return value and the output parameters");
+  sub->add_option("TARGET", path, "CLASS or instance path CLASS.KEY=VALUE,...")->required();
+  sub->add_option("METHOD", method, "method name")->required();
+  sub->add_option("NAME=VALUE[:type]", values, "input parameters (as for create-instance)");
+  sub->callback([&] {
+    run = [&](Ctx& x) { return Invoke(x, PathArg(path, {}), method, values); };
+  });
+
+  sub = command("subscribe", "subscribe to the indications a query selects and print each as "
+                             "it arrives; unsubscribes when interrupted");
+  sub->add_option("QUERY", query, "indication filter query, e.g. \"SELECT * FROM CIM_AlertIndication\"")
+      ->required();
+  sub->add_option("--language", language, "query language (default WQL)");
+  sub->add_option("--source-namespace", sourceNs, "namespace the filter watches (default: -n)");
+  sub->add_option("--listen-port", listenPort, "local port for the indications (default 5990)")
+      ->check(CLI::Range(1, 65535));
+  sub->add_option("--listen-address", listenAddress,
+                  "address the server sends to (default: this host's address)");
+  sub->callback([&] {
+    untilInterrupted = true;
+    run = [&](Ctx& x) {
+      return Subscribe(x, query, language, sourceNs, listenPort, listenAddress);
+    };
+  });
+
   sub = command("listen", "receive indications on PORT and print each as it arrives, until "
                           "interrupted");
   sub->add_option("PORT", port, "TCP port (all interfaces)")->required()->check(CLI::Range(1, 65535));
   sub->callback([&] {
     needsServer = false;
+    untilInterrupted = true;
     run = [&](Ctx& x) { return Listen(x.s.format, port); };
   });
 
@@ -825,6 +946,7 @@ int main(int argc, char** argv) {
   sub->add_option("SECONDS", seconds, "how long")->check(CLI::PositiveNumber);
   sub->callback([&] {
     needsServer = false;
+    untilInterrupted = true;
     run = [&](Ctx& x) {
       if (!x.s.simulator) throw UsageError{"serve runs the simulator: give --simulator"};
       return Serve(seconds);
@@ -844,10 +966,10 @@ int main(int argc, char** argv) {
     return kUsage;
   }
 
-  // Stop signals go to sigwait (listen, serve); threads started later inherit the mask.
+  // Stop signals go to sigwait (listen, subscribe, serve); threads started later inherit
+  // the mask.
   const sigset_t stop = StopSignals();
-  const bool waits = !needsServer;
-  if (waits) pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+  if (untilInterrupted) pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
   unsigned long mask = oxCIM::oxCIM.GetTraceMask();  // OXCIM_TRACE still counts
   if (!s.trace.empty()) {
@@ -864,6 +986,7 @@ int main(int argc, char** argv) {
     oxcimtool::CimSimulator sim("admin", "secret");
     Ctx x;
     x.s = s;
+    x.untilInterrupted = untilInterrupted;
     try {
       if (needsServer) Connect(x, sim);
       ClearReasons();
