@@ -115,7 +115,7 @@ std::vector<Assignment> Assignments(const std::vector<std::string>& args) {
   return out;
 }
 
-// A property list the library writes; empty names mean all properties.
+// The PropertyList parameter; without names the parameter is left out (all properties).
 struct PropertyList {
   oxCIM::CIMarray names;
   bool used = false;
