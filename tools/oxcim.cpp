@@ -401,7 +401,8 @@ int CreateInstance(Ctx& x, const std::string& cls, const std::vector<std::string
   return kOk;
 }
 
-int ModifyInstance(Ctx& x, const InstancePath& path, const std::vector<std::string>& args) {
+int ModifyInstance(Ctx& x, const InstancePath& path, const std::vector<std::string>& args,
+                   bool standardLayout) {
   const std::vector<Assignment> props = Assignments(args);
   std::vector<std::string> names;
   for (const Assignment& a : props) names.push_back(a.name);
@@ -410,6 +411,7 @@ int ModifyInstance(Ctx& x, const InstancePath& path, const std::vector<std::stri
   BuildInstanceName(&name, path);
   BuildInstance(inst, path.className, props);
   x.c.setCurrentClass(path.className.c_str(), Namespace(x, path).c_str());
+  x.c.m_StandardModifyInstance = standardLayout;
   x.c.Imethod_ModifyInstance(&name, inst, plist.get());
   if (x.c.ChkCimStatus() != 0) return Failed(x);
   return Done(x, "ModifyInstance", "modified " + PathText(path),
@@ -806,7 +808,7 @@ int main(int argc, char** argv) {
   // Command arguments.
   std::string cls, path, prop, file, query, language = "WQL", method, sourceNs, listenAddress;
   std::vector<std::string> keys, props, values;
-  bool deep = false, full = false, shallow = false, localOnly = false;
+  bool deep = false, full = false, shallow = false, localOnly = false, standardLayout = false;
   int port = 0, listenPort = 5990;
   long seconds = 0;
   std::function<int(Ctx&)> run;
@@ -880,8 +882,11 @@ int main(int argc, char** argv) {
   pathArg(sub);
   sub->add_option("NAME=VALUE[:type]", values, "new property values (as for create-instance)")
       ->required();
+  sub->add_flag("--standard-layout", standardLayout,
+                "send the ModifiedInstance parameter as DSP0200 lays it out (for servers "
+                "that refuse the library's layout)");
   sub->callback([&] {
-    run = [&](Ctx& x) { return ModifyInstance(x, PathArg(path, {}), values); };
+    run = [&](Ctx& x) { return ModifyInstance(x, PathArg(path, {}), values, standardLayout); };
   });
 
   sub = command("delete-instance", "delete an instance");
