@@ -17,7 +17,7 @@
 #include <string>
 
 #include "EnumGen.h"
-#include "FakeCimServer.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -46,8 +46,8 @@ const char kEnumerateRequest[] =
     "</IMETHODCALL>\n</SIMPLEREQ>\n</MESSAGE>\n</CIM>\n";
 
 // One server for every benchmark, so library and baseline see the same peer.
-oxtest::FakeCimServer& Server() {
-  static oxtest::FakeCimServer server;
+oxtest::ScriptedServer& Server() {
+  static oxtest::ScriptedServer server;
   return server;
 }
 

@@ -17,7 +17,6 @@
 
 #include "EnumGen.h"
 #include "MemCount.h"
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 namespace {
@@ -29,10 +28,10 @@ const std::string& Answer(int64_t instances) {
 }
 
 // One server per process; every connection gets the same canned answer.
-oxtest::FakeCimServer& Server(int64_t instances) {
-  static std::unique_ptr<oxtest::FakeCimServer> srv;
+oxtest::ScriptedServer& Server(int64_t instances) {
+  static std::unique_ptr<oxtest::ScriptedServer> srv;
   static int64_t serving = -1;
-  if (!srv) srv = std::make_unique<oxtest::FakeCimServer>();
+  if (!srv) srv = std::make_unique<oxtest::ScriptedServer>();
   if (serving != instances) {
     srv->setDefault(oxtest::CannedResponse::cimOk(Answer(instances)));
     serving = instances;
@@ -55,7 +54,7 @@ size_t CountNames(oxCIM::CIMcontainer& c) {
 
 void BM_EnumerateInstances(benchmark::State& state) {
   const int64_t n = state.range(0);
-  oxtest::FakeCimServer& srv = Server(n);
+  oxtest::ScriptedServer& srv = Server(n);
   oxCIM::CIMcontainer c;
   Point(c, srv.port());
   for (auto _ : state) {
@@ -79,7 +78,7 @@ double Ms(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::ti
 void BM_EnumerateInstancesStages(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
   const int64_t n = state.range(0);
-  oxtest::FakeCimServer& srv = Server(n);
+  oxtest::ScriptedServer& srv = Server(n);
   oxCIM::CIMcontainer c;
   Point(c, srv.port());
   double freeMs = 0, writeMs = 0, exchangeMs = 0, parseMs = 0, extractMs = 0;
@@ -133,7 +132,7 @@ size_t Collect(char* data, size_t size, size_t count, void* user) {
 // The transfer alone: the same POST with libcurl, the body collected and nothing else.
 void BM_RawTransfer(benchmark::State& state) {
   const int64_t n = state.range(0);
-  oxtest::FakeCimServer& srv = Server(n);
+  oxtest::ScriptedServer& srv = Server(n);
   oxCIM::CIMcontainer c;
   Point(c, srv.port());
   c.beginIntrinsicMethod(10);
@@ -229,7 +228,7 @@ void BM_EnumerateInstancesPeakMemory(benchmark::State& state) {
   double peak = 0, kept = 0;
   for (auto _ : state) {
     // A fresh server, so no block allocated before counting is freed while counting.
-    oxtest::FakeCimServer srv;
+    oxtest::ScriptedServer srv;
     srv.setDefault(oxtest::CannedResponse::cimOk(Answer(n)));
     auto c = std::make_unique<oxCIM::CIMcontainer>();
     Point(*c, srv.port());

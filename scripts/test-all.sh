@@ -17,7 +17,7 @@ configure() { # dir, extra args...
 configure build
 configure build-asan -DOXCIM_SANITIZE=address -DOXCIM_BENCH=OFF -DOXCIM_EXAMPLES=OFF
 configure build-tsan -DOXCIM_SANITIZE=thread -DOXCIM_BENCH=OFF -DOXCIM_EXAMPLES=OFF \
-  -DOXCIM_TEST_FILTER=listener
+  -DOXCIM_TEST_FILTER='listener|simulator'
 CC=clang CXX=clang++ configure build-fuzz -DOXCIM_FUZZ=ON -DOXCIM_TESTS=OFF \
   -DOXCIM_FUZZ_SECONDS="${OXCIM_FUZZ_SECONDS:-60}"
 

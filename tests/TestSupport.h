@@ -4,6 +4,8 @@
 
 #include <oxCIM.h>
 
+#include "SimServer.h"
+
 #include <chrono>
 #include <fstream>
 #include <memory>
@@ -14,6 +16,13 @@
 #include <vector>
 
 namespace oxtest {
+
+// The simulator's scripted mode: canned answers, recorded requests.
+using oxsim::CannedResponse;
+using oxsim::HeaderList;
+using oxsim::RecordedRequest;
+using oxsim::ScriptedServer;
+using oxsim::TestPki;
 
 // Collects the library's trace records while alive, with `mask` switched on; the previous
 // mask and the default sink come back on destruction.

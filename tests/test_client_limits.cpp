@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 // Allocation failure on demand, on the arming thread only (the servers' threads must
@@ -40,7 +39,7 @@ void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 #pragma GCC diagnostic pop
 
 using oxtest::CannedResponse;
-using oxtest::FakeCimServer;
+using oxtest::ScriptedServer;
 
 namespace {
 
@@ -136,7 +135,7 @@ TEST(ResponseLimit, EndlessBodyIsCutAtTheLimitAndNotParsed) {
 }
 
 TEST(ResponseLimit, BoundaryAndNoLimit) {
-  FakeCimServer server;
+  ScriptedServer server;
   const std::string body = errorAnswer("6", "<!--" + std::string(1 << 20, 'p') + "-->");
   server.setDefault(CannedResponse::cimOk(body));
   struct Case {
@@ -152,7 +151,7 @@ TEST(ResponseLimit, BoundaryAndNoLimit) {
 }
 
 TEST(ResponseLimit, DumpShowsOnlyTheHeadOfALargeBody) {
-  FakeCimServer server;
+  ScriptedServer server;
   const std::string body = errorAnswer("6", "<!--" + std::string(300000, 'p') + "-->");
   server.push(CannedResponse::cimOk(body));
   oxCIM::CIMconnection c;
@@ -195,7 +194,7 @@ TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
       {nullptr, "-10000", 1001},
       {nullptr, "0", 0},
   };
-  FakeCimServer server;
+  ScriptedServer server;
   for (const Case& k : cases) {
     CannedResponse r = CannedResponse::cimOk(
         k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
@@ -211,7 +210,7 @@ TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
 // Every allocation of an operation, failed in turn: the operation returns, reports a
 // failure or a complete result, and the container works normally afterwards.
 TEST(AllocationFailure, NeverEscapesNorReadsAsSuccess) {
-  FakeCimServer server;
+  ScriptedServer server;
   server.setDefault(CannedResponse::cimOk(oxtest::ReadFixture("op_enuminstances.xml")));
   auto run = [&](oxCIM::CIMcontainer& c, long failAt) {
     oxtest::PointAt(c, server.port());

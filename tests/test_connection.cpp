@@ -1,7 +1,6 @@
 // Connection lifecycle, curl handle management, copying and the CIM status.
 #include <oxCIM.h>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 #include <curl/curl.h>
@@ -300,7 +299,7 @@ TEST(ConnectionAssign, WithHandleChainsGiveIndependentDuplicates) {
 // ---- real exchanges: the fixed options and copies on the wire ----
 
 TEST(ConnectionWire, AssignedCopyExchangesAfterTheSourceIsGone) {
-  oxtest::FakeCimServer srv;
+  oxtest::ScriptedServer srv;
   auto src = std::make_unique<CIMconnection>();
   oxtest::PointAt(*src, srv.port());
   char object[] = "root/cimv2";

@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 using oxtest::CannedResponse;
-using oxtest::FakeCimServer;
+using oxtest::ScriptedServer;
 using oxtest::TraceCapture;
 
 namespace {
@@ -68,7 +67,7 @@ class Exchange : public ::testing::Test {
   }
 
   TraceCapture trace;
-  FakeCimServer server;
+  ScriptedServer server;
   oxCIM::CIMconnection conn;
 };
 
@@ -312,7 +311,7 @@ class ExchangeTls : public ::testing::Test {
   static oxtest::TestPki* pki;
 
   // One exchange trusting `ca`; the client certificate is offered when asked for.
-  int run(FakeCimServer& srv, oxCIM::CIMconnection& c, const std::string& ca, int verify,
+  int run(ScriptedServer& srv, oxCIM::CIMconnection& c, const std::string& ca, int verify,
           bool clientCert = false) {
     configure(c, srv.port(), "https");
     c.m_CAFile = ca;
@@ -329,7 +328,7 @@ class ExchangeTls : public ::testing::Test {
 oxtest::TestPki* ExchangeTls::pki = nullptr;
 
 TEST_F(ExchangeTls, VerifiedPeer) {
-  FakeCimServer srv(FakeCimServer::Options{pki, false});
+  ScriptedServer srv(ScriptedServer::Options{pki, false});
   srv.setDefault(CannedResponse::cimOk(kInstanceResponse));
   oxCIM::CIMconnection good, wrongCa, unverified;
   EXPECT_EQ(run(srv, good, pki->caFile, 1), 0);
@@ -344,7 +343,7 @@ TEST_F(ExchangeTls, VerifiedPeer) {
 }
 
 TEST_F(ExchangeTls, ClientCertificateRequiredByServer) {
-  FakeCimServer srv(FakeCimServer::Options{pki, true});
+  ScriptedServer srv(ScriptedServer::Options{pki, true});
   srv.setDefault(CannedResponse::cimOk(kInstanceResponse));
   oxCIM::CIMconnection withCert, without;
   EXPECT_EQ(run(srv, withCert, pki->caFile, 1, true), 0);

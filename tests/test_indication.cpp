@@ -10,12 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 using namespace oxCIM;
 using oxtest::CannedResponse;
-using oxtest::FakeCimServer;
+using oxtest::ScriptedServer;
 using oxtest::PointAt;
 using oxtest::TraceCapture;
 
@@ -63,7 +62,7 @@ class Methods : public ::testing::Test {
     return i < reqs.size() ? reqs[i] : oxtest::RecordedRequest{};
   }
 
-  FakeCimServer srv;
+  ScriptedServer srv;
   CIMcontainer c;
   CIMcontainer holder;
   CIMelement* vol = nullptr;
@@ -306,7 +305,7 @@ class Subscriptions : public ::testing::Test {
   }
   bool listening() { return oxtest::RawExchange(port, "") != "<refused>"; }
 
-  FakeCimServer srv;
+  ScriptedServer srv;
   CIMcontainer c;
   int port = 0;
   std::string tag;

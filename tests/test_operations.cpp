@@ -10,12 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 using namespace oxCIM;
 using oxtest::CannedResponse;
-using oxtest::FakeCimServer;
+using oxtest::ScriptedServer;
 using oxtest::TraceCapture;
 using oxtest::PointAt;
 
@@ -95,7 +94,7 @@ class Operations : public ::testing::Test {
   }
   std::string key(int i) { return name(i) ? Text(name(i)->getValueOf(21, "DeviceID")) : "-"; }
 
-  FakeCimServer srv;
+  ScriptedServer srv;
   CIMcontainer c;
 };
 

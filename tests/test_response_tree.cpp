@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "FakeCimServer.h"
 #include "TestSupport.h"
 
 namespace {
@@ -28,7 +27,7 @@ std::string Instances(int n) {
 
 TEST(ResponseTree, FirstErrorInListOrderCountsWhicheverEngineParsed) {
   oxtest::TraceCapture trace;
-  oxtest::FakeCimServer server;
+  oxtest::ScriptedServer server;
   oxCIM::CIMconnection conn;
   oxtest::PointAt(conn, server.port());
   conn.m_Request = "<?xml version=\"1.0\"?><CIM/>";

@@ -1,5 +1,5 @@
-// The command-line client, run as a child process against its embedded simulator and
-// against the fake server, which shows the requests on the wire.
+// The command-line client, run as a child process against the simulator and against the
+// scripted server, which shows the requests on the wire.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "FakeCimServer.h"
+#include "CimServer.h"
 #include "TestSupport.h"
 
 extern char** environ;
@@ -239,7 +239,7 @@ std::string Answer(const std::string& method, const std::string& inside) {
          "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
 }
 
-Args At(const oxtest::FakeCimServer& srv, Args more) {
+Args At(const oxsim::ScriptedServer& srv, Args more) {
   Args a = {"--url", "http://ops@127.0.0.1:" + std::to_string(srv.port()) + "/root/store"};
   a.insert(a.end(), more.begin(), more.end());
   return a;
@@ -323,8 +323,8 @@ TEST(ToolWrite, RequestsOnTheWireAndWhatIsPrinted) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args[0]);
-    oxtest::FakeCimServer srv;
-    srv.setDefault(oxtest::CannedResponse::cimOk(c.answer));
+    oxsim::ScriptedServer srv;
+    srv.setDefault(oxsim::CannedResponse::cimOk(c.answer));
     const Result r = Oxcim(At(srv, c.args), kPw);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, c.printed);
@@ -346,8 +346,8 @@ TEST(ToolWrite, RequestsOnTheWireAndWhatIsPrinted) {
 }
 
 TEST(ToolWrite, TypedJsonOfNewPathsAndQueries) {
-  oxtest::FakeCimServer srv;
-  srv.push(oxtest::CannedResponse::cimOk(Answer(
+  oxsim::ScriptedServer srv;
+  srv.push(oxsim::CannedResponse::cimOk(Answer(
       "CreateInstance", "<IRETURNVALUE><INSTANCENAME CLASSNAME=\"ACME_Vol\"><KEYBINDING NAME=\"Id\">"
                         "<KEYVALUE VALUETYPE=\"numeric\">-17</KEYVALUE></KEYBINDING><KEYBINDING "
                         "NAME=\"On\"><KEYVALUE VALUETYPE=\"boolean\">true</KEYVALUE></KEYBINDING>"
@@ -358,8 +358,8 @@ TEST(ToolWrite, TypedJsonOfNewPathsAndQueries) {
 }
 
 TEST(ToolWrite, InvokePrintsTheReturnValueAndOutputParameters) {
-  oxtest::FakeCimServer srv;
-  srv.setDefault(oxtest::CannedResponse::cimOk(
+  oxsim::ScriptedServer srv;
+  srv.setDefault(oxsim::CannedResponse::cimOk(
       "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
       "<MESSAGE ID=\"1\" PROTOCOLVERSION=\"1.0\"><SIMPLERSP><METHODRESPONSE "
       "NAME=\"RequestStateChange\"><RETURNVALUE PARAMTYPE=\"uint32\"><VALUE>4096</VALUE>"
@@ -462,9 +462,9 @@ TEST(ToolUsage, EveryCommandHasHelp) {
 // --- failures: one line, the status in words and number -----------------------------
 
 TEST(ToolFailures, OneLineNamingWhatWentWrong) {
-  oxtest::FakeCimServer http500, silent;
-  http500.setDefault(oxtest::CannedResponse::http(500, "Internal Server Error"));
-  silent.setDefault(oxtest::CannedResponse::closeWithoutReply());
+  oxsim::ScriptedServer http500, silent;
+  http500.setDefault(oxsim::CannedResponse::http(500, "Internal Server Error"));
+  silent.setDefault(oxsim::CannedResponse::closeWithoutReply());
   const std::string refused = "127.0.0.1:" + std::to_string(oxtest::FreePort());
   struct Case {
     Args args, env;
@@ -495,8 +495,8 @@ TEST(ToolFailures, OneLineNamingWhatWentWrong) {
 }
 
 TEST(ToolFailures, TimeoutBoundsTheWholeRun) {
-  oxtest::FakeCimServer srv;
-  srv.setDefault(oxtest::CannedResponse::neverAnswer());
+  oxsim::ScriptedServer srv;
+  srv.setDefault(oxsim::CannedResponse::neverAnswer());
   const auto start = std::chrono::steady_clock::now();
   const Result r = Oxcim(At(srv, {"--timeout", "5", "namespaces"}), kPw);
   const auto took = std::chrono::steady_clock::now() - start;
@@ -508,8 +508,8 @@ TEST(ToolFailures, TimeoutBoundsTheWholeRun) {
 // --- targets ------------------------------------------------------------------------
 
 TEST(ToolTarget, UrlFromTheEnvironmentAndOptionsOverIt) {
-  oxtest::FakeCimServer srv;
-  srv.setDefault(oxtest::CannedResponse::cimOk(Answer("EnumerateClassNames", "<IRETURNVALUE/>")));
+  oxsim::ScriptedServer srv;
+  srv.setDefault(oxsim::CannedResponse::cimOk(Answer("EnumerateClassNames", "<IRETURNVALUE/>")));
   const std::string url = "OXCIM_URL=http://alice@127.0.0.1:" + std::to_string(srv.port()) + "/vendor/x";
   EXPECT_EQ(Oxcim({"classes"}, {url, "OXCIM_PASSWORD=s3"}).status, 0);
   EXPECT_EQ(Oxcim({"--user", "bob", "-n", "interop", "classes"}, {url, "OXCIM_PASSWORD=s3"}).status, 0);
@@ -522,12 +522,12 @@ TEST(ToolTarget, UrlFromTheEnvironmentAndOptionsOverIt) {
 }
 
 TEST(ToolTarget, HttpsVerifiesTheServerAndSendsTheClientCertificate) {
-  oxtest::TestPki pki;
-  oxtest::FakeCimServer::Options tls;
+  oxsim::TestPki pki;
+  oxsim::ScriptedServer::Options tls;
   tls.tls = &pki;
   tls.requireClientCert = true;
-  oxtest::FakeCimServer srv(tls);
-  srv.setDefault(oxtest::CannedResponse::cimOk(Answer("EnumerateClassNames",
+  oxsim::ScriptedServer srv(tls);
+  srv.setDefault(oxsim::CannedResponse::cimOk(Answer("EnumerateClassNames",
                                                       "<IRETURNVALUE><CLASSNAME NAME=\"A\"/></IRETURNVALUE>")));
   const std::string url = "https://ops@127.0.0.1:" + std::to_string(srv.port());
   const Args client = {"--cert", pki.clientCert, "--key", pki.clientKey};
@@ -606,7 +606,7 @@ TEST(ToolIndications, ListenPrintsEachIndicationUntilInterrupted) {
   EXPECT_EQ(Interrupt(c), 0);
 
   // A port that is taken is a set-up failure.
-  oxtest::FakeCimServer busy;
+  oxsim::ScriptedServer busy;
   const Result taken = Oxcim({"listen", std::to_string(busy.port())});
   EXPECT_EQ(taken.status, 3);
   EXPECT_TRUE(Has(taken.err, "cannot listen on port")) << taken.err;
@@ -614,8 +614,8 @@ TEST(ToolIndications, ListenPrintsEachIndicationUntilInterrupted) {
 
 // The server side of a subscription as canned answers; the indication is sent by hand.
 TEST(ToolIndications, SubscribeUntilInterruptedThenUnsubscribe) {
-  oxtest::FakeCimServer srv;
-  srv.setDefault(oxtest::CannedResponse::cimOk(Answer(
+  oxsim::ScriptedServer srv;
+  srv.setDefault(oxsim::CannedResponse::cimOk(Answer(
       "CreateInstance", "<IRETURNVALUE><INSTANCENAME CLASSNAME=\"CIM_Made\"><KEYBINDING NAME=\"Name\">"
                         "<KEYVALUE VALUETYPE=\"string\">m1</KEYVALUE></KEYBINDING></INSTANCENAME>"
                         "</IRETURNVALUE>")));
@@ -656,6 +656,122 @@ TEST(ToolIndications, ServeRunsTheSimulatorForOtherClients) {
                          {"OXCIM_PASSWORD=secret"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "CIM_ComputerSystem.CreationClassName=\"CIM_ComputerSystem\",Name=\"SN-4C3A0012\"\n");
+  EXPECT_EQ(Interrupt(server), 0);
+}
+
+// --- against a simulator that keeps what it is told ----------------------------------
+
+struct LiveServer {
+  oxsim::CimServer server;
+  Args at;
+  LiveServer() {
+    std::string error;
+    EXPECT_TRUE(server.start(error)) << error;
+    at = {"--url", "http://admin@127.0.0.1:" + std::to_string(server.port())};
+  }
+  Result operator()(Args more) const {
+    Args a = at;
+    a.insert(a.end(), more.begin(), more.end());
+    return Oxcim(a, {"OXCIM_PASSWORD=secret"});
+  }
+};
+
+const std::string kVol =
+    "CIM_StorageVolume.SystemCreationClassName=\"CIM_ComputerSystem\",SystemName=\"SN-4C3A0012\","
+    "CreationClassName=\"CIM_StorageVolume\",DeviceID=\"vol42\"";
+
+TEST(ToolLive, InstanceLifeCycle) {
+  LiveServer live;
+  const Result made = live({"create-instance", "CIM_StorageVolume",
+                            "SystemCreationClassName=CIM_ComputerSystem", "SystemName=SN-4C3A0012",
+                            "CreationClassName=CIM_StorageVolume", "DeviceID=vol42",
+                            "ElementName=fresh & new", "BlockSize=4096:uint64",
+                            "OperationalStatus=2,32768:uint16[]"});
+  ASSERT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(made.out, kVol + "\n");
+  struct Step {
+    Args args;
+    std::string printed;
+  };
+  const Step steps[] = {
+      {{"get-property", kVol, "ElementName"}, "ElementName = \"fresh & new\"\n"},
+      {{"modify-instance", kVol, "ElementName=renamed", "BlockSize=512:uint64"}, "modified " + kVol + "\n"},
+      {{"get-property", kVol, "BlockSize"}, "BlockSize = 512\n"},
+      {{"set-property", kVol, "ElementName", "third"}, "set ElementName of " + kVol + "\n"},
+      {{"get-property", kVol, "ElementName"}, "ElementName = \"third\"\n"},
+      {{"delete-instance", kVol}, "deleted " + kVol + "\n"},
+  };
+  for (const Step& s : steps) {
+    const Result r = live(s.args);
+    EXPECT_EQ(r.status, 0) << s.args[0] << r.err;
+    EXPECT_EQ(r.out, s.printed);
+  }
+  const Result gone = live({"get-instance", kVol});
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_TRUE(Has(gone.err, "CIM_ERR_NOT_FOUND (6)")) << gone.err;
+}
+
+const std::string kSystem =
+    "CIM_ComputerSystem.CreationClassName=\"CIM_ComputerSystem\",Name=\"SN-4C3A0012\"";
+
+TEST(ToolLive, InvokeChangesState) {
+  LiveServer live;
+  const std::string vol03 =
+      "CIM_StorageVolume.SystemCreationClassName=\"CIM_ComputerSystem\",SystemName=\"SN-4C3A0012\","
+      "CreationClassName=\"CIM_StorageVolume\",DeviceID=\"vol03\"";
+  const Result r = live({"invoke", vol03, "RequestStateChange", "RequestedState=3:uint16"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "ReturnValue = 0;\n");
+  EXPECT_EQ(live({"get-property", vol03, "OperationalStatus"}).out, "OperationalStatus = {10}\n");
+  const Result bad = live({"invoke", vol03, "Explode"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_TRUE(Has(bad.err, "CIM_ERR_METHOD_NOT_FOUND (17)")) << bad.err;
+}
+
+// A real subscription: the server delivers to the client's listener, and nothing of the
+// subscription is left on the server once the client was interrupted.
+TEST(ToolLive, SubscribeReceivesAnIndicationAndUnsubscribes) {
+  LiveServer live;
+  const int port = oxtest::FreePort();
+  Args args = live.at;
+  args.insert(args.end(), {"subscribe", "SELECT * FROM CIM_AlertIndication", "--listen-port",
+                           std::to_string(port), "--format", "json"});
+  Child c = Spawn(args, {"OXCIM_PASSWORD=secret"});
+  std::string err, out;
+  ASSERT_TRUE(ReadUntil(c.err, err, [&] { return Has(err, "subscribed"); })) << err;
+  const Result raised = live({"invoke", kSystem, "RaiseAlert", "Message=fan failed",
+                              "PerceivedSeverity=6:uint16"});
+  EXPECT_EQ(raised.status, 0) << raised.err;
+  ASSERT_TRUE(ReadUntil(c.out, out, [&] { return Has(out, "\n"); })) << out << err;
+  const json j = json::parse(Lines(out)[0]);
+  EXPECT_EQ(j["indication"]["classname"], "CIM_AlertIndication");
+  EXPECT_EQ(j["indication"]["properties"]["Description"]["value"], "fan failed");
+  EXPECT_EQ(Interrupt(c), 0);
+  for (const char* cls : {"CIM_IndicationSubscription", "CIM_IndicationFilter"}) {
+    const Result left = live({"-n", "root/interop", "names", cls});
+    EXPECT_EQ(left.status, 0) << left.err;
+    EXPECT_EQ(left.out, "") << cls;
+  }
+}
+
+TEST(ToolLive, SnapshotServedAgain) {
+  LiveServer live;
+  const std::string dir = testing::TempDir() + "oxcim_snapshot_" + std::to_string(getpid());
+  const Result snap = live({"snapshot", dir});
+  ASSERT_EQ(snap.status, 0) << snap.err;
+  Child server = Spawn({"--simulator", "--repository", dir, "serve"}, {});
+  std::string out;
+  ASSERT_TRUE(ReadUntil(server.out, out, [&] { return Has(out, "\n"); })) << out;
+  int port = 0;
+  ASSERT_EQ(std::sscanf(out.c_str(), "listening on 127.0.0.1 port %d", &port), 1) << out;
+  const Args again = {"--url", "http://admin@127.0.0.1:" + std::to_string(port)};
+  for (const char* cls : {"CIM_DiskDrive", "CIM_StorageVolume"}) {
+    Args a = again;
+    a.insert(a.end(), {"names", cls});
+    const Result copy = Oxcim(a, {"OXCIM_PASSWORD=secret"});
+    EXPECT_EQ(copy.status, 0) << copy.err;
+    EXPECT_EQ(copy.out, live({"names", cls}).out);
+  }
   EXPECT_EQ(Interrupt(server), 0);
 }
 

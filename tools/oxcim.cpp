@@ -16,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -37,7 +38,7 @@ namespace {
 constexpr int kOk = 0, kFailed = 1, kUsage = 2, kSetup = 3;
 
 struct Settings {
-  std::string url, host, user, ns, cafile, cert, key, format = "text", trace;
+  std::string url, host, user, ns, cafile, cert, key, format = "text", trace, repository;
   int port = 0, timeout = 0;
   bool https = false, insecure = false, noIPCheck = false, simulator = false;
 };
@@ -55,6 +56,7 @@ struct SetupError {
 struct Ctx {
   Settings s;
   bool untilInterrupted = false;  // runs until a signal: --timeout bounds its requests only
+  std::unique_ptr<oxcimtool::CimSimulator> sim;  // --simulator; outlives the connection
   oxCIM::CIMcontainer c;
   std::string ns;
   bool Json() const { return s.format == "json"; }
@@ -671,13 +673,36 @@ int Subscribe(Ctx& x, const std::string& query, const std::string& language,
   return kOk;
 }
 
+// --- snapshots -------------------------------------------------------------------------
+
+int Snapshot(Ctx& x, const std::string& dir) {
+  std::string error;
+  if (!oxsim::TakeSnapshot(x.c, dir, error)) {
+    if (x.c.ChkCimStatus() != 0) return Failed(x);
+    std::cerr << "oxcim: snapshot: " << error << "\n";
+    return kFailed;
+  }
+  if (x.Json()) return PrintJson({{"operation", "Snapshot"}, {"status", 0}, {"directory", dir}}), kOk;
+  std::cout << "snapshot of " << x.c.m_Host << ":" << x.c.m_Port << " in " << dir << "\n";
+  return kOk;
+}
+
 // --- the simulator on its own ----------------------------------------------------------
 
-int Serve(long seconds) {
-  oxcimtool::CimSimulator sim("admin", "secret");
+// The simulator's model: the built-in storage array, or the repository in --repository.
+std::unique_ptr<oxcimtool::CimSimulator> MakeSimulator(const Settings& s) {
+  oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn();
   std::string error;
-  if (!sim.Start(error)) throw SetupError{"simulator: " + error};
-  std::cout << "listening on 127.0.0.1 port " << sim.Port() << std::endl;
+  if (!s.repository.empty() && !oxsim::LoadRepository(s.repository, repo, error))
+    throw SetupError{"repository " + s.repository + ": " + error};
+  auto sim = std::make_unique<oxcimtool::CimSimulator>("admin", "secret", std::move(repo));
+  if (!sim->Start(error)) throw SetupError{"simulator: " + error};
+  return sim;
+}
+
+int Serve(const Settings& s, long seconds) {
+  const auto sim = MakeSimulator(s);
+  std::cout << "listening on 127.0.0.1 port " << sim->Port() << std::endl;
   const sigset_t stop = StopSignals();
   if (seconds > 0) {
     const timespec limit{seconds, 0};
@@ -714,7 +739,7 @@ void OnAlarm(int) {
   _exit(kFailed);
 }
 
-void Connect(Ctx& x, oxcimtool::CimSimulator& sim) {
+void Connect(Ctx& x) {
   const Settings& s = x.s;
   Target t;
   if (!s.url.empty()) {
@@ -724,10 +749,9 @@ void Connect(Ctx& x, oxcimtool::CimSimulator& sim) {
   if (s.simulator) {
     if (!s.url.empty() || !s.host.empty() || s.https)
       throw UsageError{"--simulator speaks plain HTTP on its own address: no URL, --host or --https"};
-    std::string error;
-    if (!sim.Start(error)) throw SetupError{"simulator: " + error};
+    x.sim = MakeSimulator(s);
     t.host = "127.0.0.1";
-    t.port = std::to_string(sim.Port());
+    t.port = std::to_string(x.sim->Port());
     t.user = "admin";
   }
   if (!s.host.empty()) t.host = s.host;
@@ -804,6 +828,10 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"text", "json", "xml"}));
   app.add_option("--trace", s.trace, "library trace mask for stderr (0x2, 0x4, 0x10, 0x40000000)");
   app.add_flag("--simulator", s.simulator, "talk to an embedded simulated CIM server");
+  app.add_option("--repository", s.repository,
+                 "with --simulator: serve this repository (a snapshot) instead of the "
+                 "built-in storage array")
+      ->check(CLI::ExistingDirectory);
 
   // Command arguments.
   std::string cls, path, prop, file, query, language = "WQL", method, sourceNs, listenAddress;
@@ -946,6 +974,11 @@ int main(int argc, char** argv) {
     run = [&](Ctx& x) { return Listen(x.s.format, port); };
   });
 
+  sub = command("snapshot", "record the server's namespaces, classes and instances into DIR "
+                            "(oxcim --simulator --repository DIR serves them)");
+  sub->add_option("DIR", file, "repository directory (created when missing)")->required();
+  sub->callback([&] { run = [&](Ctx& x) { return Snapshot(x, file); }; });
+
   sub = command("serve", "with --simulator: only run the simulator, for SECONDS or until "
                          "interrupted; prints \"listening on 127.0.0.1 port N\" first");
   sub->add_option("SECONDS", seconds, "how long")->check(CLI::PositiveNumber);
@@ -954,7 +987,7 @@ int main(int argc, char** argv) {
     untilInterrupted = true;
     run = [&](Ctx& x) {
       if (!x.s.simulator) throw UsageError{"serve runs the simulator: give --simulator"};
-      return Serve(seconds);
+      return Serve(x.s, seconds);
     };
   });
 
@@ -988,12 +1021,11 @@ int main(int argc, char** argv) {
   CaptureStatus(mask);
   int status = kSetup;
   {
-    oxcimtool::CimSimulator sim("admin", "secret");
     Ctx x;
     x.s = s;
     x.untilInterrupted = untilInterrupted;
     try {
-      if (needsServer) Connect(x, sim);
+      if (needsServer) Connect(x);
       ClearReasons();
       status = run(x);
     } catch (const UsageError& e) {

@@ -1,0 +1,814 @@
+// The simulator's CIM server end to end: real sockets, libcurl and the library's public API.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CimServer.h"
+#include "SimRepository.h"
+#include "Snapshot.h"
+#include "TestSupport.h"
+
+namespace {
+
+using oxCIM::CIMcontainer;
+using oxCIM::CIMelement;
+
+int Count(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+void Point(CIMcontainer& c, const oxsim::CimServer& s, const oxtest::TestPki* pki = nullptr) {
+  c.m_Host = "127.0.0.1";
+  c.m_User = "admin";
+  c.m_Passwd = "secret";
+  c.m_Protocol = s.tls() ? "https" : "http";
+  c.m_Port = std::to_string(s.port());
+  c.m_NoIPCheck = true;
+  if (pki) {
+    c.m_CAFile = pki->caFile;
+    c.m_VerifyPeer = 1;
+  }
+}
+
+std::unique_ptr<oxsim::CimServer> Serve(
+    const oxtest::TestPki* pki = nullptr,
+    oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn()) {
+  oxsim::CimServerOptions o;
+  if (pki) {
+    o.http.certFile = pki->serverCert;
+    o.http.keyFile = pki->serverKey;
+  }
+  o.deliveryRetryMs = 50;
+  auto s = std::make_unique<oxsim::CimServer>(o, std::move(repo));
+  std::string error;
+  EXPECT_TRUE(s->start(error)) << error;
+  return s;
+}
+
+// The instance name of a volume or disk as the server lists it (owned by c's class list).
+CIMelement* NameOf(CIMcontainer& c, const char* cls, const char* id) {
+  c.setCurrentClass(cls, "root/cimv2");
+  if (c.Imethod_EnumerateInstanceNames() == 0) return nullptr;
+  return c.m_pcls->m_InstanceNames->findInstanceName("DeviceID", id);
+}
+
+// A CIM-XML fragment parsed; element() is its first element of that kind.
+struct Tree {
+  CIMelement root;
+  explicit Tree(const std::string& xml) {
+    EXPECT_EQ(
+        root.ParseCIMXML("<?xml version=\"1.0\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">" +
+                         xml + "</CIM>\n"),
+        0)
+        << xml;
+  }
+  CIMelement* element(const char* kind) { return root.findelement(oxsim::ElemId(kind), 0); }
+};
+
+// A request written by hand, posted with the library's transport.
+int Post(CIMcontainer& c, const char* method, const std::string& ns, const std::string& call) {
+  c.m_Request =
+      "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">\n"
+      "<MESSAGE ID=\"4711\" PROTOCOLVERSION=\"1.0\">\n<SIMPLEREQ>\n" +
+      call + "</SIMPLEREQ>\n</MESSAGE>\n</CIM>\n";
+  std::string object = ns;
+  return c.sendRequest_recvResponse(method, &object[0]);
+}
+
+std::string NsPath(const std::string& ns) {
+  std::string x = "<LOCALNAMESPACEPATH>";
+  size_t from = 0;
+  for (size_t slash; (slash = ns.find('/', from)) != std::string::npos; from = slash + 1)
+    x += "<NAMESPACE NAME=\"" + ns.substr(from, slash - from) + "\"/>";
+  return x + "<NAMESPACE NAME=\"" + ns.substr(from) + "\"/></LOCALNAMESPACEPATH>";
+}
+
+std::string VolumeName(const std::string& id) {
+  return "<INSTANCENAME CLASSNAME=\"CIM_StorageVolume\"><KEYBINDING NAME=\"DeviceID\">"
+         "<KEYVALUE VALUETYPE=\"string\">" +
+         id + "</KEYVALUE></KEYBINDING></INSTANCENAME>";
+}
+
+std::string MethodCall(const std::string& method, const std::string& target,
+                       const std::string& params) {
+  return "<METHODCALL NAME=\"" + method + "\"><LOCALINSTANCEPATH>" + NsPath("root/cimv2") + target +
+         "</LOCALINSTANCEPATH>" + params + "</METHODCALL>\n";
+}
+
+oxCIM::_properties_ Str(const char* name, const char* value) {
+  return {name, 1, 1, value, nullptr};
+}
+const oxCIM::_properties_ kEnd{nullptr, 0, 0, nullptr, nullptr};
+
+// What the library's listener handed over.
+std::mutex gIndicationMu;
+std::vector<std::string> gIndications;
+int Collect(std::string& body) {
+  std::lock_guard<std::mutex> lk(gIndicationMu);
+  gIndications.push_back(body);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Every offered operation, over HTTP and HTTPS
+
+struct OpCase {
+  const char* what;
+  std::function<unsigned long(CIMcontainer&)> run;  // the operation's status
+  int code;                                         // expected CIM status
+  const char* seen;                                 // in the answer, "" for nothing
+  int times;                                        // how often (0: at least once)
+};
+
+class SimOperations : public ::testing::TestWithParam<bool> {
+ protected:
+  static void SetUpTestSuite() { pki = new oxtest::TestPki(); }
+  static void TearDownTestSuite() { delete pki; }
+  static oxtest::TestPki* pki;
+};
+oxtest::TestPki* SimOperations::pki = nullptr;
+
+TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
+  const oxtest::TestPki* tls = GetParam() ? pki : nullptr;
+  auto server = Serve(tls);
+  CIMcontainer c;
+  Point(c, *server, tls);
+  auto status = [](CIMcontainer& k, unsigned long object) {
+    return object != 0 ? 0ul : static_cast<unsigned long>(k.m_ErrCode);
+  };
+  Tree newClass(
+      "<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"><QUALIFIER "
+      "NAME=\"Key\" TYPE=\"boolean\"><VALUE>true</VALUE></QUALIFIER></PROPERTY></CLASS>");
+  Tree changedClass(
+      "<CLASS NAME=\"OX_Pool\"><PROPERTY NAME=\"PoolID\" TYPE=\"string\"/>"
+      "<PROPERTY NAME=\"Capacity\" TYPE=\"uint64\"/></CLASS>");
+  Tree renamed(
+      "<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"ElementName\" "
+      "TYPE=\"string\"><VALUE>db-renamed</VALUE></PROPERTY></INSTANCE>");
+  const OpCase cases[] = {
+      {"GetClass",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_StorageVolume", "");
+         return k.Imethod_GetClass(-1, -1, -1, nullptr);
+       },
+       0, "<METHOD NAME=\"RequestStateChange\"", 1},
+      {"EnumerateClassNames deep",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("", "root/interop");
+         return k.Imethod_EnumerateClassNames(1);
+       },
+       0, "<CLASSNAME NAME=", 6},
+      {"EnumerateClasses",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("", "");
+         return k.Imethod_EnumerateClasses(0, 1, 0, 1);
+       },
+       0, "<CLASS NAME=", 3},
+      {"EnumerateInstanceNames",
+       [&](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return status(k, k.Imethod_EnumerateInstanceNames());
+       },
+       0, "<INSTANCENAME ", 4},
+      {"EnumerateInstances",
+       [&](CIMcontainer& k) {
+         k.setCurrentClass("CIM_StorageVolume", "");
+         return status(k, k.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr));
+       },
+       0, "<VALUE.NAMEDINSTANCE>", 12},
+      {"GetInstance",
+       [&](CIMcontainer& k) {
+         return status(k,
+                       k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol07"), -1, nullptr));
+       },
+       0, "<VALUE>scratch</VALUE>", 1},
+      {"ExecQuery",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive");
+       },
+       0, "<VALUE.OBJECTWITHPATH>", 4},
+      {"SetProperty",
+       [](CIMcontainer& k) {
+         return k.Imethod_SetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName",
+                                      "bkp");
+       },
+       0, "", 0},
+      {"GetProperty sees it",
+       [](CIMcontainer& k) {
+         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol05"), "ElementName");
+       },
+       0, "<IRETURNVALUE>\n<VALUE>bkp</VALUE>", 1},
+      {"CreateInstance",
+       [&](CIMcontainer& k) {
+         k.setCurrentClass("CIM_StorageVolume", "");
+         oxCIM::_properties_ p[] = {Str("DeviceID", "vol99"), Str("ElementName", "new"), kEnd};
+         return status(k, k.Imethod_CreateInstance(p));
+       },
+       0, "<KEYVALUE VALUETYPE=\"string\">SN-4C3A0012<", 1},
+      {"CreateInstance again: already exists",
+       [&](CIMcontainer& k) {
+         oxCIM::_properties_ p[] = {Str("DeviceID", "vol99"), kEnd};
+         return status(k, k.Imethod_CreateInstance(p));
+       },
+       11, "CIM_ERR_ALREADY_EXISTS", 1},
+      {"ModifyInstance",
+       [&](CIMcontainer& k) {
+         return k.Imethod_ModifyInstance(NameOf(k, "CIM_StorageVolume", "vol99"),
+                                         *renamed.element("INSTANCE"), nullptr);
+       },
+       0, "", 0},
+      {"GetInstance sees it",
+       [&](CIMcontainer& k) {
+         return status(k,
+                       k.Imethod_GetInstance(NameOf(k, "CIM_StorageVolume", "vol99"), -1, nullptr));
+       },
+       0, "<VALUE>db-renamed</VALUE>", 1},
+      {"DeleteInstance",
+       [](CIMcontainer& k) {
+         return k.Imethod_DeleteInstance(NameOf(k, "CIM_StorageVolume", "vol99"));
+       },
+       0, "", 0},
+      {"GetInstance after delete: not found",
+       [&](CIMcontainer& k) {
+         Tree gone(VolumeName("vol99"));
+         return status(k, k.Imethod_GetInstance(gone.element("INSTANCENAME"), -1, nullptr));
+       },
+       6, "CIM_ERR_NOT_FOUND", 1},
+      {"CreateClass",
+       [&](CIMcontainer& k) {
+         k.setCurrentClass("OX_Pool", "");
+         return k.Imethod_CreateClass(*newClass.element("CLASS"));
+       },
+       0, "", 0},
+      {"CreateClass again: already exists",
+       [&](CIMcontainer& k) { return k.Imethod_CreateClass(*newClass.element("CLASS")); }, 11,
+       "CIM_ERR_ALREADY_EXISTS", 1},
+      {"ModifyClass",
+       [&](CIMcontainer& k) { return k.Imethod_ModifyClass(*changedClass.element("CLASS")); }, 0,
+       "", 0},
+      {"GetClass sees it", [](CIMcontainer& k) { return k.Imethod_GetClass(-1, -1, -1, nullptr); },
+       0, "<PROPERTY NAME=\"Capacity\"", 1},
+      {"DeleteClass", [](CIMcontainer& k) { return k.Imethod_DeleteClass(); }, 0, "", 0},
+      {"GetClass after delete: invalid class",
+       [](CIMcontainer& k) { return k.Imethod_GetClass(-1, -1, -1, nullptr); }, 5,
+       "CIM_ERR_INVALID_CLASS: OX_Pool", 1},
+      {"invalid namespace",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "root/nowhere");
+         return k.Imethod_GetClass(-1, -1, -1, nullptr);
+       },
+       3, "CIM_ERR_INVALID_NAMESPACE: root/nowhere", 1},
+      {"invalid parameter: not a key",
+       [&](CIMcontainer& k) {
+         Tree bad(
+             "<INSTANCENAME CLASSNAME=\"CIM_DiskDrive\"><KEYBINDING NAME=\"ElementName\">"
+             "<KEYVALUE>x</KEYVALUE></KEYBINDING></INSTANCENAME>");
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return status(k, k.Imethod_GetInstance(bad.element("INSTANCENAME"), -1, nullptr));
+       },
+       4, "CIM_ERR_INVALID_PARAMETER: ElementName is not a key", 1},
+      {"invalid query",
+       [](CIMcontainer& k) {
+         k.setCurrentClass("CIM_DiskDrive", "");
+         return k.Imethod_ExecQuery("WQL", "CIM_DiskDrive where x=1");
+       },
+       15, "CIM_ERR_INVALID_QUERY", 1},
+      {"not supported",
+       [](CIMcontainer& k) {
+         return static_cast<unsigned long>(
+             Post(k, "References", "root/cimv2",
+                  "<IMETHODCALL NAME=\"References\">" + NsPath("root/cimv2") + "</IMETHODCALL>\n"));
+       },
+       7, "CIM_ERR_NOT_SUPPORTED: References", 1},
+      {"ModifyInstance, DSP0200 layout",
+       [](CIMcontainer& k) {
+         return static_cast<unsigned long>(
+             Post(k, "ModifyInstance", "root/cimv2",
+                  "<IMETHODCALL NAME=\"ModifyInstance\">" + NsPath("root/cimv2") +
+                      "<IPARAMVALUE NAME=\"ModifiedInstance\"><VALUE.NAMEDINSTANCE>" +
+                      VolumeName("vol01") +
+                      "<INSTANCE CLASSNAME=\"CIM_StorageVolume\"><PROPERTY NAME=\"HealthState\" "
+                      "TYPE=\"uint16\">"
+                      "<VALUE>25</VALUE></PROPERTY></INSTANCE></VALUE.NAMEDINSTANCE></"
+                      "IPARAMVALUE></IMETHODCALL>\n"));
+       },
+       0, "", 0},
+      {"GetProperty sees it",
+       [](CIMcontainer& k) {
+         return k.Imethod_GetProperty(NameOf(k, "CIM_StorageVolume", "vol01"), "HealthState");
+       },
+       0, "<VALUE>25</VALUE>", 1},
+  };
+  for (const OpCase& t : cases) {
+    SCOPED_TRACE(t.what);
+    oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+    EXPECT_EQ(t.run(c), static_cast<unsigned long>(t.code)) << c.m_Response;
+    if (t.code != 0) {
+      // A failed operation's answer is gone; its description is in the status record.
+      bool described = false;
+      for (const std::string& s : trace.statusCodes())
+        described = described || s.find(t.seen) != std::string::npos;
+      EXPECT_TRUE(described) << trace.dump();
+    } else if (*t.seen && t.times) {
+      EXPECT_EQ(Count(c.m_Response, t.seen), t.times) << c.m_Response;
+    }
+  }
+}
+
+// Extrinsic methods, written by hand: return value, out parameters, effects and errors.
+TEST_P(SimOperations, ExtrinsicMethods) {
+  const oxtest::TestPki* tls = GetParam() ? pki : nullptr;
+  auto server = Serve(tls);
+  CIMcontainer c;
+  Point(c, *server, tls);
+  const std::string system =
+      "<INSTANCENAME CLASSNAME=\"CIM_ComputerSystem\"><KEYBINDING NAME=\"Name\"><KEYVALUE>"
+      "SN-4C3A0012</KEYVALUE></KEYBINDING></INSTANCENAME>";
+  auto state = [](const char* n) {
+    return std::string("<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\"><VALUE>") + n +
+           "</VALUE></PARAMVALUE>";
+  };
+  const struct {
+    const char* what;
+    std::string call;
+    int code;
+    const char* seen;
+  } cases[] = {
+      {"stop a volume", MethodCall("RequestStateChange", VolumeName("vol03"), state("3")), 0,
+       "<RETURNVALUE PARAMTYPE=\"uint32\">\n<VALUE>0</VALUE>"},
+      {"unknown state", MethodCall("RequestStateChange", VolumeName("vol03"), state("7")), 0,
+       "<VALUE>5</VALUE>"},
+      {"device tree", MethodCall("GetStorageDeviceTree", system, ""), 0,
+       "<VALUE>&lt;INSTANCE CLASSNAME=&quot;CIM_DiskDrive&quot;&gt;"},
+      {"no such method", MethodCall("Explode", system, ""), 17, "CIM_ERR_METHOD_NOT_FOUND"},
+      {"no such instance", MethodCall("RequestStateChange", VolumeName("vol77"), state("2")), 6,
+       "CIM_ERR_NOT_FOUND"},
+      {"parameter missing", MethodCall("RequestStateChange", VolumeName("vol03"), ""), 4,
+       "RequestedState missing"},
+  };
+  for (const auto& t : cases) {
+    SCOPED_TRACE(t.what);
+    EXPECT_EQ(Post(c, "Method", "root/cimv2", t.call), t.code) << c.m_Response;
+    EXPECT_NE(c.m_Response.find(t.seen), std::string::npos) << c.m_Response;
+  }
+  // The stop shows in the model.
+  EXPECT_NE(c.Imethod_GetProperty(NameOf(c, "CIM_StorageVolume", "vol03"), "OperationalStatus"),
+            1u);
+  EXPECT_NE(c.m_Response.find("<VALUE.ARRAY>\n<VALUE>10</VALUE>\n</VALUE.ARRAY>"),
+            std::string::npos)
+      << c.m_Response;
+}
+
+// The library's own subscription and method members against the simulator.
+TEST_P(SimOperations, LibrarySubscribesCallsMethodsAndUnsubscribes) {
+  const oxtest::TestPki* tls = GetParam() ? pki : nullptr;
+  auto server = Serve(tls);
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    gIndications.clear();
+  }
+  CIMcontainer c;
+  Point(c, *server, tls);
+  c.m_LocalIP = "127.0.0.1";
+  c.setCurrentClass("CIM_StorageVolume", "root/cimv2");
+  ASSERT_EQ(c.subscribe("SELECT * FROM CIM_InstModification", nullptr, nullptr, oxtest::FreePort(),
+                        Collect),
+            0u);
+  EXPECT_EQ(c.subscribe_check(), 0u);
+
+  CIMelement* volume = NameOf(c, "CIM_StorageVolume", "vol06");
+  ASSERT_NE(volume, nullptr);
+  uint16_t stop = 3;
+  oxCIM::_paramvalue_ params[] = {{"RequestedState", 5, 1, &stop}, {nullptr, 0, 0, nullptr}};
+  ASSERT_EQ(c.performExtrinsicMethod("RequestStateChange", volume, params), 0u) << c.m_Response;
+  ASSERT_NE(c.getReturnValue(), nullptr);
+  EXPECT_STREQ(c.getReturnValue(), "0");
+  ASSERT_TRUE(oxtest::Eventually([] {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    return !gIndications.empty();
+  }));
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    EXPECT_NE(gIndications[0].find("CIM_InstModification"), std::string::npos);
+    EXPECT_NE(gIndications[0].find("DeviceID=&quot;vol06&quot;"), std::string::npos);
+  }
+
+  c.setCurrentClass("CIM_ComputerSystem", "root/cimv2");
+  ASSERT_NE(c.Imethod_EnumerateInstanceNames(), 0u);
+  CIMelement* system = c.m_pcls->m_InstanceNames->findelement(oxsim::ElemId("INSTANCENAME"), 0);
+  ASSERT_EQ(c.get_sdt_from_core(system, nullptr), 0u);
+  int devices = 0;
+  for (int n = 0; c.m_pcls->m_Properties->findelement(oxsim::ElemId("INSTANCE"), n); ++n) ++devices;
+  EXPECT_EQ(devices, 16);  // twelve volumes, four disks
+
+  EXPECT_EQ(c.unsubscribe(), 0u);
+  const oxsim::SimRepository after = server->repository();
+  for (const char* cls :
+       {"CIM_IndicationSubscription", "CIM_IndicationFilter", "CIM_ListenerDestinationCIMXML"})
+    EXPECT_TRUE(after.find("root/interop", cls)->instances.empty()) << cls;
+}
+
+INSTANTIATE_TEST_SUITE_P(Scheme, SimOperations, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "https" : "http"; });
+
+// ---------------------------------------------------------------------------------------
+// Indications
+
+// Creates filter, destination and subscription the way a client does: the server fills
+// the keys; the subscription refers to the other two.
+void Subscribe(CIMcontainer& c, const std::string& destination, const char* query) {
+  c.setCurrentClass("CIM_IndicationFilter", "root/interop");
+  oxCIM::_properties_ filter[] = {Str("Query", query), Str("QueryLanguage", "WQL"),
+                                  Str("SourceNamespace", "root/cimv2"), kEnd};
+  CIMelement* f = reinterpret_cast<CIMelement*>(c.Imethod_CreateInstance(filter));
+  ASSERT_NE(f, nullptr) << c.m_Response;
+  c.setCurrentClass("CIM_ListenerDestinationCIMXML", "root/interop");
+  oxCIM::_properties_ dest[] = {Str("Destination", destination.c_str()), kEnd};
+  CIMelement* d = reinterpret_cast<CIMelement*>(c.Imethod_CreateInstance(dest));
+  ASSERT_NE(d, nullptr) << c.m_Response;
+  c.setCurrentClass("CIM_IndicationSubscription", "root/interop");
+  oxCIM::_properties_ sub[] = {{"Filter", 15, 1, "CIM_IndicationFilter", f},
+                               {"Handler", 15, 1, "CIM_ListenerDestinationCIMXML", d},
+                               kEnd};
+  ASSERT_NE(c.Imethod_CreateInstance(sub), 0u) << c.m_Response;
+}
+
+TEST(SimIndications, LifecycleAndAlertsReachTheDestinationWithRetry) {
+  auto server = Serve();
+  oxtest::ScriptedServer listener;
+  listener.push(oxtest::CannedResponse::closeWithoutReply());  // the first attempt fails
+  CIMcontainer c;
+  Point(c, *server);
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(listener.port()) + "/cimlistener",
+            "SELECT * FROM CIM_Indication");
+  // Only volumes: a second subscription filtered by ISA.
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(listener.port()) + "/volumes",
+            "SELECT * FROM CIM_InstIndication WHERE SourceInstance ISA CIM_StorageVolume");
+  EXPECT_EQ(server->indicationsDelivered(), 0u);  // bookkeeping itself is not announced
+
+  c.setCurrentClass("CIM_DiskDrive", "");
+  oxCIM::_properties_ disk[] = {Str("DeviceID", "disk9.9"), kEnd};
+  ASSERT_NE(c.Imethod_CreateInstance(disk), 0u);
+  ASSERT_EQ(c.Imethod_SetProperty(NameOf(c, "CIM_StorageVolume", "vol02"), "ElementName", "x"), 0u);
+  ASSERT_EQ(c.Imethod_DeleteInstance(NameOf(c, "CIM_DiskDrive", "disk9.9")), 0u);
+  EXPECT_EQ(server->raiseAlert("fan failure", 6), 1);
+  ASSERT_TRUE(server->waitDeliveries(20000));
+  EXPECT_EQ(server->indicationsDelivered(), 5u);
+  EXPECT_EQ(server->indicationsFailed(), 0u);
+
+  const auto requests = listener.requests();
+  ASSERT_EQ(requests.size(), 6u);  // one retried
+  const struct {
+    const char* path;
+    const char* cls;
+    const char* detail;
+  } expected[] = {
+      {"/cimlistener", "CIM_InstCreation", "DeviceID=&quot;disk9.9&quot;"},
+      {"/cimlistener", "CIM_InstModification", "&lt;VALUE&gt;db-logs&lt;/VALUE&gt;"},
+      {"/volumes", "CIM_InstModification", "&lt;VALUE&gt;x&lt;/VALUE&gt;"},
+      {"/cimlistener", "CIM_InstDeletion", "DeviceID=&quot;disk9.9&quot;"},
+      {"/cimlistener", "CIM_AlertIndication", "<VALUE>fan failure</VALUE>"},
+  };
+  for (size_t n = 0; n < 5; ++n) {
+    const oxtest::RecordedRequest& r = requests[n + 1];
+    SCOPED_TRACE(expected[n].cls);
+    EXPECT_EQ(r.requestLine, std::string("POST ") + expected[n].path + " HTTP/1.1");
+    EXPECT_EQ(r.header("CIMExport"), "MethodRequest");
+    EXPECT_EQ(r.header("CIMExportMethod"), "ExportIndication");
+    EXPECT_NE(r.body.find("<EXPMETHODCALL NAME=\"ExportIndication\">\n<EXPPARAMVALUE "
+                          "NAME=\"NewIndication\">\n<INSTANCE CLASSNAME=\"" +
+                          std::string(expected[n].cls) + "\">"),
+              std::string::npos)
+        << r.body;
+    EXPECT_NE(r.body.find(expected[n].detail), std::string::npos) << r.body;
+  }
+  EXPECT_EQ(requests[0].body, requests[1].body);
+}
+
+// The library's own listener takes what the simulator exports; a dead destination is
+// given up after the bounded retries.
+TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
+  auto server = Serve();
+  {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    gIndications.clear();
+  }
+  oxCIM::CIMindication listener;
+  listener.pCallBack = Collect;
+  listener.m_Port = oxtest::FreePort();
+  ASSERT_EQ(listener.start_Listener(), 0);
+  ASSERT_TRUE(oxtest::Eventually([&] { return oxtest::Connect(listener.m_Port, 1) >= 0; }));
+  CIMcontainer c;
+  Point(c, *server);
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(listener.m_Port),
+            "SELECT * FROM CIM_AlertIndication");
+  Subscribe(c, "http://127.0.0.1:" + std::to_string(oxtest::FreePort()),
+            "SELECT * FROM CIM_AlertIndication");
+  // The alert raised through the method of the system.
+  EXPECT_EQ(
+      Post(c, "RaiseAlert", "root/cimv2",
+           MethodCall("RaiseAlert",
+                      "<INSTANCENAME CLASSNAME=\"CIM_ComputerSystem\"><KEYBINDING NAME=\"Name\">"
+                      "<KEYVALUE>SN-4C3A0012</KEYVALUE></KEYBINDING></INSTANCENAME>",
+                      "<PARAMVALUE NAME=\"Message\"><VALUE>disk 0.3 failed</VALUE></PARAMVALUE>")),
+      0);
+  ASSERT_TRUE(server->waitDeliveries(20000));
+  EXPECT_EQ(server->indicationsDelivered(), 1u);
+  EXPECT_EQ(server->indicationsFailed(), 1u);
+  ASSERT_TRUE(oxtest::Eventually([] {
+    std::lock_guard<std::mutex> lk(gIndicationMu);
+    return !gIndications.empty();
+  }));
+  listener.stop_Listener();
+  std::lock_guard<std::mutex> lk(gIndicationMu);
+  ASSERT_EQ(gIndications.size(), 1u);
+  EXPECT_NE(gIndications[0].find("<VALUE>disk 0.3 failed</VALUE>"), std::string::npos);
+}
+
+// ---------------------------------------------------------------------------------------
+// Faults
+
+TEST(SimFaults, InjectedFailuresAsTheClientSeesThem) {
+  const struct {
+    const char* spec;
+    unsigned long code;  // of the GetClass
+    int requests;        // the server saw for EnumerateClassNames and GetClass
+  } cases[] = {
+      {"cim-error:6@GetClass", 6, 2},
+      {"cim-error:6@EnumerateClasses", 0, 2},
+      {"http500@GetClass", 22, 3},  // the driver retries once
+      {"http401@GetClass", 22, 3},
+      {"close@GetClass", 52, 3},
+      {"http500/2", 0, 3},  // the retry of the failed GetClass is answered
+      {"delay:150", 0, 2},
+      {"drip:2@GetClass", 0, 2},
+      {"garbage@GetClass", 5002, 2},
+  };
+  for (const auto& t : cases) {
+    SCOPED_TRACE(t.spec);
+    oxsim::Fault f;
+    std::string error;
+    ASSERT_TRUE(oxsim::ParseFault(t.spec, f, error)) << error;
+    auto server = Serve();
+    server->addFault(f);
+    CIMcontainer c;
+    Point(c, *server);
+    c.setCurrentClass("CIM_DiskDrive", "");
+    const auto start = std::chrono::steady_clock::now();
+    c.Imethod_EnumerateClassNames(-1);
+    const unsigned long second = c.Imethod_GetClass(-1, -1, -1, nullptr);
+    if (f.kind == oxsim::Fault::Kind::Delay) {
+      EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    }
+    if (t.code == 0) {
+      EXPECT_NE(c.m_Response.find("<CLASS NAME=\"CIM_DiskDrive\""), std::string::npos);
+    }
+    if (f.kind == oxsim::Fault::Kind::Http401) {
+      EXPECT_TRUE(c.m_Info & oxCIM::NO_Auth);
+    }
+    EXPECT_EQ(second, t.code);
+    EXPECT_EQ(server->requestCount(), static_cast<size_t>(t.requests));
+  }
+  oxsim::Fault f;
+  std::string error;
+  for (const char* bad : {"explode", "delay:-5", "close/0", "cim-error:x"})
+    EXPECT_FALSE(oxsim::ParseFault(bad, f, error)) << bad;
+}
+
+// Hostile peers get bounded answers and never stall a stop.
+TEST(SimServer, BoundsAndPromptStop) {
+  auto server = Serve();
+  const std::string auth = "Authorization: Basic YWRtaW46c2VjcmV0\r\nCIMOperation: MethodCall\r\n";
+  const struct {
+    std::string request;
+    const char* status;
+  } cases[] = {
+      {"POST /cimom HTTP/1.1\r\nX: " + std::string(70000, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
+      {"POST /cimom HTTP/1.1\r\nContent-Length: 99999999999\r\n\r\n", "HTTP/1.1 413"},
+      {"POST /cimom HTTP/1.1\r\nContent-Length: 12x\r\n\r\n", "HTTP/1.1 400"},
+      {"POST /cimom HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "HTTP/1.1 501"},
+      {"POST /other HTTP/1.1\r\nConnection: close\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 404"},
+      {"POST /cimom HTTP/1.1\r\nConnection: close\r\n" + auth + "Content-Length: 3\r\n\r\nabc",
+       "HTTP/1.1 400"},
+  };
+  for (const auto& t : cases)
+    EXPECT_EQ(oxtest::RawExchange(server->port(), t.request).rfind(t.status, 0), 0u) << t.status;
+  // Keep-alive, pipelined: both answered on one connection, which the second one closes.
+  EXPECT_EQ(Count(oxtest::RawExchange(server->port(),
+                                      "GET /cimom HTTP/1.1\r\n\r\n"
+                                      "GET /cimom HTTP/1.1\r\nConnection: close\r\n\r\n"),
+                  "HTTP/1.1 405 "),
+            2);
+  // A silent peer and a half-sent request hold connections; stop is still prompt.
+  const int silent = oxtest::Connect(server->port());
+  const int half = oxtest::Connect(server->port());
+  ASSERT_TRUE(oxtest::SendAll(half, "POST /cimom HTTP/1.1\r\nContent-Length: 100\r\n\r\nab"));
+  const auto start = std::chrono::steady_clock::now();
+  server->stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  close(silent);
+  close(half);
+
+  // Connections beyond the limit are closed at once, not queued.
+  oxsim::CimServerOptions small;
+  small.http.threads = 1;
+  small.http.maxConnections = 2;
+  oxsim::CimServer limited(small);
+  std::string error;
+  ASSERT_TRUE(limited.start(error)) << error;
+  const int first = oxtest::Connect(limited.port()), second = oxtest::Connect(limited.port());
+  ASSERT_TRUE(first >= 0 && second >= 0);
+  const int third = oxtest::Connect(limited.port(), 5);
+  ASSERT_GE(third, 0);
+  EXPECT_EQ(oxtest::ReadAll(third), "");  // closed without a word, long before the time-out
+  close(third);
+  close(first);
+  close(second);
+  // Once they are gone, requests are served again.
+  EXPECT_TRUE(oxtest::Eventually([&] {
+    return oxtest::RawExchange(limited.port(), "GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
+               .rfind("HTTP/1.1 405", 0) == 0;
+  }));
+}
+
+// ---------------------------------------------------------------------------------------
+// Snapshots
+
+// Everything a client can enumerate, per namespace, with message ids left out.
+std::string Everything(const oxsim::CimServer& s) {
+  CIMcontainer c;
+  Point(c, s);
+  std::string all;
+  for (const char* ns : {"root/cimv2", "root/interop"}) {
+    c.setCurrentClass("", ns);
+    EXPECT_EQ(c.Imethod_EnumerateClasses(0, 1, 0, 1), 0u);
+    const std::string classes = c.m_Response;
+    all += classes.substr(classes.find("<SIMPLERSP>"));
+    oxsim::SimRepository repo = s.repository();
+    for (const oxsim::SimClass& k : repo.classes) {
+      if (k.ns != ns) continue;
+      c.setCurrentClass(k.name.c_str(), ns);
+      c.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
+      EXPECT_EQ(c.m_ErrCode, 0);
+      all += c.m_Response.substr(c.m_Response.find("<SIMPLERSP>"));
+    }
+  }
+  return all;
+}
+
+TEST(SimSnapshot, RoundTripServesWhatWasRecorded) {
+  auto original = Serve();
+  CIMcontainer c;
+  Point(c, *original);
+  // A change and a reference-keyed subscription, so the copy is more than the built-in model.
+  ASSERT_EQ(
+      c.Imethod_SetProperty(NameOf(c, "CIM_StorageVolume", "vol04"), "ElementName", "a &amp; b"),
+      0u);
+  Subscribe(c, "http://127.0.0.1:9", "SELECT * FROM CIM_AlertIndication");
+  const std::string dir = ::testing::TempDir() + "oxsim-snapshot-" + std::to_string(getpid());
+  std::filesystem::remove_all(dir);
+  std::string error;
+  ASSERT_TRUE(oxsim::TakeSnapshot(c, dir, error)) << error;
+  oxsim::SimRepository repo;
+  ASSERT_TRUE(oxsim::LoadRepository(dir, repo, error)) << error;
+  auto copy = Serve(nullptr, repo);
+  const std::string before = Everything(*original), after = Everything(*copy);
+  EXPECT_EQ(before, after);
+  EXPECT_NE(after.find("<VALUE>a &amp; b</VALUE>"), std::string::npos);
+  EXPECT_EQ(Count(after, "<INSTANCE CLASSNAME=\"CIM_IndicationSubscription\">"), 1);
+
+  EXPECT_FALSE(oxsim::LoadRepository(dir + "/nowhere", repo, error));
+  std::filesystem::remove_all(dir);
+}
+
+// ---------------------------------------------------------------------------------------
+// The standalone program
+
+#ifdef OXCIM_SIM_PROGRAM
+TEST(SimProgram, ServesARepositoryWithFaultsAndRejectsBadOptions) {
+  oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn();
+  repo.find("root/cimv2", "CIM_StorageVolume")->instances[0]["ElementName"] = {"from-disk"};
+  const std::string dir = ::testing::TempDir() + "oxsim-program-" + std::to_string(getpid());
+  std::string error;
+  ASSERT_TRUE(oxsim::SaveRepository(dir, repo, error)) << error;
+  const std::string program = OXCIM_SIM_PROGRAM;
+  FILE* sim = popen((program + " --port 0 --user u --password p --seconds 3 --repository " + dir +
+                     " --fault cim-error:7@GetClass")
+                        .c_str(),
+                    "r");
+  ASSERT_NE(sim, nullptr);
+  char line[256] = {};
+  ASSERT_NE(fgets(line, sizeof line, sim), nullptr);
+  int port = 0;
+  ASSERT_EQ(std::sscanf(line, "listening on 127.0.0.1 port %d (http)", &port), 1) << line;
+  CIMcontainer c;
+  c.m_Host = "127.0.0.1";
+  c.m_User = "u";
+  c.m_Passwd = "p";
+  c.m_Protocol = "http";
+  c.m_Port = std::to_string(port);
+  c.m_NoIPCheck = true;
+  Tree name(VolumeName("vol01"));
+  c.setCurrentClass("CIM_StorageVolume", "");
+  EXPECT_NE(c.Imethod_GetInstance(name.element("INSTANCENAME"), -1, nullptr), 0u);
+  EXPECT_NE(c.m_Response.find("<VALUE>from-disk</VALUE>"), std::string::npos) << c.m_Response;
+  EXPECT_EQ(c.Imethod_GetClass(-1, -1, -1, nullptr), 7u);
+  EXPECT_EQ(pclose(sim), 0);  // stops by itself
+  std::filesystem::remove_all(dir);
+
+  const struct {
+    const char* args;
+    int status;
+  } bad[] = {{"--port x", 2},
+             {"--fault explode", 2},
+             {"--https only-one", 2},
+             {"--frobnicate", 2},
+             {"--repository /nonexistent-oxsim", 1},
+             {"--https /nonexistent.pem /nonexistent.key --port 0", 1}};
+  for (const auto& t : bad) {
+    const int rc = std::system((program + " " + t.args + " >/dev/null 2>&1").c_str());
+    EXPECT_TRUE(WIFEXITED(rc) && WEXITSTATUS(rc) == t.status) << t.args;
+  }
+}
+#endif
+
+// ---------------------------------------------------------------------------------------
+// Load: concurrent clients on the worker pool, every answer checked.
+
+TEST(SimulatorLoad, EightClientsMixedOperations) {
+  auto server = Serve();
+  constexpr int kThreads = 8, kOps = 500;
+  std::atomic<int> wrong{0}, done{0};
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::thread> clients;
+  for (int t = 0; t < kThreads; ++t)
+    clients.emplace_back([&, t] {
+      CIMcontainer c;
+      Point(c, *server);
+      const std::string mine = "load-" + std::to_string(t);
+      for (int n = 0; n < kOps; ++n) {
+        bool ok = false;
+        switch (n % 5) {
+          case 0:
+            c.setCurrentClass("CIM_DiskDrive", "");
+            ok = c.Imethod_EnumerateInstanceNames() != 0 &&
+                 Count(c.m_Response, "<INSTANCENAME ") == 4;
+            break;
+          case 1: {
+            char id[8];
+            std::snprintf(id, sizeof id, "vol%02d", n % 12 + 1);
+            Tree name(VolumeName(id));
+            ok = c.Imethod_GetInstance(name.element("INSTANCENAME"), -1, nullptr) != 0 &&
+                 Count(c.m_Response, std::string("<VALUE>") + id + "</VALUE>") == 1;
+            break;
+          }
+          case 2: {
+            c.setCurrentClass("CIM_StorageVolume", "");
+            oxCIM::_properties_ p[] = {Str("DeviceID", mine.c_str()), kEnd};
+            ok = c.Imethod_CreateInstance(p) != 0;
+            break;
+          }
+          case 3: {
+            Tree name(VolumeName(mine));
+            const std::string value = std::to_string(n);
+            ok = c.Imethod_SetProperty(name.element("INSTANCENAME"), "ElementName",
+                                       value.c_str()) == 0 &&
+                 c.Imethod_GetProperty(name.element("INSTANCENAME"), "ElementName") == 0 &&
+                 Count(c.m_Response, "<VALUE>" + value + "</VALUE>") == 1;
+            break;
+          }
+          case 4:
+            ok = c.Imethod_DeleteInstance(NameOf(c, "CIM_StorageVolume", mine.c_str())) == 0;
+            break;
+        }
+        if (!ok) ++wrong;
+        ++done;
+      }
+    });
+  for (auto& th : clients) th.join();
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(done.load(), kThreads * kOps);
+  EXPECT_EQ(server->repository().find("root/cimv2", "CIM_StorageVolume")->instances.size(), 12u);
+  EXPECT_LT(elapsed, std::chrono::minutes(5));
+  std::printf("load: %d operations in %lld ms, %zu requests on %zu connections\n", kThreads * kOps,
+              static_cast<long long>(
+                  std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()),
+              server->requestCount(), server->connectionCount());
+}
+
+}  // namespace
