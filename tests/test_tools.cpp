@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -773,6 +774,7 @@ TEST(ToolLive, SnapshotServedAgain) {
     EXPECT_EQ(copy.out, live({"names", cls}).out);
   }
   EXPECT_EQ(Interrupt(server), 0);
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
