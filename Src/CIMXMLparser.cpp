@@ -13,11 +13,11 @@
 // in and compare the engines directly.
 #include "oxInternal.h"
 
-#include <boost/format.hpp>
-
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,6 +25,8 @@ namespace oxCIM {
 namespace codec {
 
 constexpr int kMaxDepth = 256;  // CIM counts as level 1
+
+std::atomic<unsigned long> g_Streamed{0}, g_Incremental{0}, g_Exact{0};
 constexpr size_t kNameMax = 63;
 
 // Blank: signed char below 33 but not NUL, so every byte from 0x80 up counts.
@@ -161,6 +163,33 @@ const char* FindUnquoted(const char* p, const char* needle, size_t nlen) {
 }
 inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
   return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
+}
+
+// The close-tag search of the exact engine: FindUnquoted for the element name, except that
+// only occurrences right behind "<" or "</" are returned. The others change nothing there:
+// the search just goes on behind them, and as a name holds no quote and no "<", no
+// quote, comment or tag can start inside one.
+char* FindTagName(char* p, const char* name, size_t nlen) {
+  for (;;) {
+    while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
+    const char c = *p;
+    if (c == 0) return nullptr;
+    if (c == '"' || c == '\'') {
+      p = std::strchr(p + 1, c);
+      if (p == nullptr) return nullptr;
+      ++p;
+      continue;
+    }
+    if (p[1] == '!' && p[2] == '-' && p[3] == '-') {
+      p = std::strstr(p + 4, "-->");
+      if (p == nullptr) return nullptr;
+      p += 3;
+      continue;
+    }
+    char* m = p + (p[1] == '/' ? 2 : 1);
+    if (std::strncmp(m, name, nlen) == 0) return m;
+    ++p;
+  }
 }
 
 // Appends a fresh node behind the tail of the list being built. makeNextElement walks to
@@ -305,7 +334,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
       char* closeLt = nullptr;
       char* after = nullptr;
       for (;;) {
-        char* m = FindUnquoted(s, name, nlen);
+        char* m = FindTagName(s, name, nlen);
         if (m == nullptr) {
           TraceMissingClose(name);
           return -1;
@@ -367,14 +396,25 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
 }
 
 // ---------------------------------------------------------------------------------------
-// Streaming engine. Works on the caller's text without writing to it. Returns the
-// parse result (0) when it accepted the whole document, or -1 when the exact engine has
-// to decide; in that case the list may be partly built and nothing was traced.
+// Streaming engine. Works on the caller's text without writing to it, and can take the
+// text in pieces: it reads whole units only (a start tag; a value with its close tag; a
+// close tag) and stops in front of one that the text so far does not complete. The text
+// it is given is always the whole document so far, NUL-terminated at its end. Until it
+// has accepted the whole document it traces nothing; when it bails out, the list may be
+// partly built and the exact engine has to decide.
 
 class StreamParser {
  public:
-  StreamParser(CIMelement* root, bool traceUnknown) : m_Tail(root), m_Trace(traceUnknown) {}
-  int Parse(const char* cim);
+  enum Status { kAccepted = 0, kBail = -1, kMore = 1 };
+
+  explicit StreamParser(CIMelement* root) : m_Tail(root) { m_Stack.reserve(32); }
+  // For a caller that has found the frame itself: reading starts at "<CIM " at `offset`.
+  void StartAt(size_t offset) {
+    m_State = kTag;
+    m_Pos = offset;
+  }
+  // Reads on from where the last call stopped; `final`: the text is complete.
+  Status Feed(const char* text, size_t size, bool final);
   // Traces owed for unknown attribute names, in document order.
   const std::vector<std::string>& Unknown() const { return m_Unknown; }
   CIMelement* FirstError() const { return m_FirstError; }
@@ -384,59 +424,65 @@ class StreamParser {
     CIMelement* element;
     int id;
   };
-  // Reads "<NAME ...>" or "<NAME .../>" at p; false means bail out.
-  bool StartTag(const char*& p, CIMelement* parent, int& id, bool& empty);
-  static bool IsCloseOf(const char* p, int id, const char*& after) {
-    const char* n = known_cim_elements[id];
-    if (p[0] != '<' || p[1] != '/') return false;
-    const char* q = p + 2;
-    while (*n != 0 && *q == *n) ++q, ++n;
-    if (*n != 0 || *q != '>') return false;
-    after = q + 1;
-    return true;
-  }
-
   struct PendingAttribute {
     int id;
     const char* begin;
     const char* end;
+    const char* name;
+    size_t nameLen;
   };
+  enum State { kFrame, kTag, kContent, kAfter };
 
+  // Where a scan ran into a NUL: the end of the text so far, or a byte of the text.
+  static Status AtNul(const char* q, const char* end) { return q == end ? kMore : kBail; }
+  // Reads "<NAME ...>" or "<NAME .../>" at p and appends its element.
+  Status StartTag(const char*& p, const char* end, CIMelement* parent, int& id, bool& empty);
+  static Status CloseOf(const char* p, const char* end, int id, const char*& after) {
+    if (p[1] != '/') return p + 1 == end ? kMore : kBail;
+    const char* n = known_cim_elements[id];
+    const char* q = p + 2;
+    while (*n != 0 && *q == *n) ++q, ++n;
+    if (*n != 0 || *q != '>') return AtNul(q, end);
+    after = q + 1;
+    return kAccepted;
+  }
   bool FillAttributes(CIMelement* e);
 
   CIMelement* m_Tail;
   CIMelement* m_FirstError = nullptr;
-  bool m_Trace;
+  State m_State = kFrame;
+  size_t m_Pos = 0;       // where the next unit starts
+  size_t m_Scanned = 0;   // content bytes of the current unit already seen to be plain text
+  int m_Current = 0;      // element whose content comes next (kContent)
+  std::vector<Open> m_Stack;
   std::vector<PendingAttribute> m_Attrs;
   std::vector<std::string> m_Unknown;
   unsigned short m_OpenCount[E_UNKNOWN + 1] = {};
 };
 
-bool StreamParser::StartTag(const char*& p, CIMelement* parent, int& id, bool& empty) {
+StreamParser::Status StreamParser::StartTag(const char*& p, const char* end, CIMelement* parent,
+                                            int& id, bool& empty) {
   const char* q = p + 1;
   const char* n = q;
   while (!IsBlank(*q) && *q != 0 && *q != '/' && *q != '>') {
-    if (q - n >= static_cast<long>(kNameMax)) return false;
+    if (q - n >= static_cast<long>(kNameMax)) return kBail;
     ++q;
   }
+  if (*q == 0) return AtNul(q, end);
   id = Elements().Find(n, static_cast<size_t>(q - n));
   // "?xml" inside a document, and any tag inside one of the same name (whose close-tag
   // search counts depth by its own rules), are left to the exact engine.
-  if (id <= E_XML || m_OpenCount[id] != 0) return false;
-
-  CIMelement* e = AppendElement(m_Tail, parent);
-  if (e == nullptr) return false;
-  e->m_Name = known_cim_elements[id];
-  if (id == E_ERROR && m_FirstError == nullptr) m_FirstError = e;
+  if (id <= E_XML || m_OpenCount[id] != 0) return kBail;
 
   empty = false;
+  m_Attrs.clear();
   if (*q != '>') {
-    m_Attrs.clear();
     q = SkipBlanks(q);
     for (;;) {
       if (*q == '>') break;
+      if (*q == 0) return AtNul(q, end);
       if (*q == '/') {
-        if (q[1] != '>') return false;
+        if (q[1] != '>') return AtNul(q + 1, end);
         empty = true;
         ++q;
         break;
@@ -445,23 +491,34 @@ bool StreamParser::StartTag(const char*& p, CIMelement* parent, int& id, bool& e
       for (;; ++q) {
         const char c = *q;
         if (c == '=') break;
-        if (IsBlank(c) || c == 0 || c == '"' || c == '\'' || c == '<' || c == '>' || c == '/')
-          return false;
+        if (c == 0) return AtNul(q, end);
+        if (IsBlank(c) || c == '"' || c == '\'' || c == '<' || c == '>' || c == '/') return kBail;
       }
       const size_t alen = static_cast<size_t>(q - an);
       const char* v = SkipBlanks(q + 1);
-      if (*v != '"') return false;
-      const char* close = std::strchr(v + 1, '"');
-      if (close == nullptr) return false;
-      const int aid = AttributeId(an, alen);
-      if (aid == A_UNKNOWN && m_Trace) m_Unknown.emplace_back(an, alen);
-      m_Attrs.push_back({aid, v + 1, close});
+      if (*v != '"') return AtNul(v, end);
+      const char* close = v + 1;
+      while (*close != '"') {
+        if (*close == 0) return AtNul(close, end);
+        ++close;
+      }
+      m_Attrs.push_back({AttributeId(an, alen), v + 1, close, an, alen});
       q = SkipBlanks(close + 1);
     }
-    if (!m_Attrs.empty() && !FillAttributes(e)) return false;
+  }
+
+  // The whole tag is there: only now does the list change.
+  CIMelement* e = AppendElement(m_Tail, parent);
+  if (e == nullptr) return kBail;
+  e->m_Name = known_cim_elements[id];
+  if (id == E_ERROR && m_FirstError == nullptr) m_FirstError = e;
+  if (!m_Attrs.empty()) {
+    for (const PendingAttribute& a : m_Attrs)
+      if (a.id == A_UNKNOWN) m_Unknown.emplace_back(a.name, a.nameLen);
+    if (!FillAttributes(e)) return kBail;
   }
   p = q + 1;
-  return true;
+  return kAccepted;
 }
 
 // Builds, in one go, the array that attr_put per attribute followed by FreeUnused would
@@ -490,62 +547,143 @@ bool StreamParser::FillAttributes(CIMelement* e) {
   return true;
 }
 
-int StreamParser::Parse(const char* cim) {
-  std::vector<Open> stack;
-  stack.reserve(32);
-  const char* p = cim;
-  int id = 0;
-  bool empty = false;
-  // The first element is CIM (the caller found "<CIM "), and it is the only top-level one.
+// A unit longer than this that the text does not complete yet is left to the read of the
+// whole text: rescanning it for every piece would grow with its square.
+constexpr size_t kMaxPendingUnit = 1 << 20;
+
+StreamParser::Status StreamParser::Feed(const char* text, size_t size, bool final) {
+  const char* const end = text + size;
+  const char* p = text + m_Pos;
+  Status s = kAccepted;
   for (;;) {
-    CIMelement* parent = stack.empty() ? nullptr : stack.back().element;
-    if (p[1] == '/' || p[1] == '!' || p[1] == '?') return -1;
-    if (stack.size() >= static_cast<size_t>(kMaxDepth)) return -1;
-    if (!StartTag(p, parent, id, empty)) return -1;
-    CIMelement* e = m_Tail;
-    if (!empty) {
-      const char* c = SkipBlanks(p);
-      const char* after = nullptr;
-      if (*c == '<') {
-        if (c[1] != '/') {
-          stack.push_back({e, id});
-          ++m_OpenCount[id];
-          p = c;
-          continue;
+    s = kAccepted;
+    switch (m_State) {
+      case kFrame: {
+        // The frame search of the exact engine, on the text so far: a match it finds is
+        // the one the whole text gives, as every byte before it was complete.
+        const char* decl = FindUnquoted(text, "<?xml ", 6);
+        const char* cim = decl ? FindUnquoted(decl, "<CIM ", 5) : nullptr;
+        if (cim == nullptr) {
+          if (final || size > kMaxPendingUnit / 16) return kBail;
+          return kMore;
         }
-        if (!IsCloseOf(c, id, after)) return -1;
-        p = after;
-      } else {
-        const char* t = c;
+        p = cim;
+        m_State = kTag;
+        break;
+      }
+      case kTag: {
+        if (p[1] == 0) {
+          s = AtNul(p + 1, end);
+          break;
+        }
+        if (p[1] == '/' || p[1] == '!' || p[1] == '?') return kBail;
+        if (m_Stack.size() >= static_cast<size_t>(kMaxDepth)) return kBail;
+        CIMelement* parent = m_Stack.empty() ? nullptr : m_Stack.back().element;
+        int id = 0;
+        bool empty = false;
+        s = StartTag(p, end, parent, id, empty);
+        if (s != kAccepted) break;
+        m_Current = id;
+        m_Scanned = 0;
+        m_State = empty ? kAfter : kContent;
+        break;
+      }
+      case kContent: {
+        const char* c = SkipBlanks(p);
+        const char* after = nullptr;
+        if (*c == 0) {
+          s = AtNul(c, end);
+          break;
+        }
+        if (*c == '<') {
+          if (c[1] != '/') {
+            if (c[1] == 0) {
+              s = AtNul(c + 1, end);
+              break;
+            }
+            m_Stack.push_back({m_Tail, m_Current});
+            ++m_OpenCount[m_Current];
+            p = c;
+            m_State = kTag;
+            break;
+          }
+          s = CloseOf(c, end, m_Current, after);
+          if (s != kAccepted) break;
+          p = after;
+          m_State = kAfter;
+          break;
+        }
+        const char* t = c + m_Scanned;
         for (;; ++t) {
           const char ch = *t;
           if (ch == '<') break;
-          if (ch == 0 || ch == '"' || ch == '\'') return -1;
+          if (ch == 0 || ch == '"' || ch == '\'') break;
         }
-        if (!IsCloseOf(t, id, after)) return -1;
+        if (*t != '<') {
+          s = *t == 0 ? AtNul(t, end) : kBail;
+          m_Scanned = static_cast<size_t>(t - c);
+          break;
+        }
+        s = CloseOf(t, end, m_Current, after);
+        if (s != kAccepted) {
+          m_Scanned = static_cast<size_t>(t - c);
+          break;
+        }
         const size_t len = static_cast<size_t>(t - c);
         char* value = static_cast<char*>(std::malloc(len + 1));
-        if (value == nullptr) return -1;
+        if (value == nullptr) return kBail;
         std::memcpy(value, c, len);
         value[len] = 0;
-        e->m_Value = value;
+        m_Tail->m_Value = value;
         p = after;
+        m_State = kAfter;
+        break;
+      }
+      case kAfter: {
+        // Behind a finished element: close the open ones whose close tags follow.
+        p = SkipBlanks(p);
+        if (m_Stack.empty()) {
+          if (*p != 0) return kBail;
+          if (p < end || final) return kAccepted;
+          s = kMore;
+          break;
+        }
+        if (*p != '<') {
+          s = *p == 0 ? AtNul(p, end) : kBail;
+          break;
+        }
+        if (p[1] != '/') {
+          if (p[1] == 0) {
+            s = AtNul(p + 1, end);
+            break;
+          }
+          m_State = kTag;
+          break;
+        }
+        const char* after = nullptr;
+        s = CloseOf(p, end, m_Stack.back().id, after);
+        if (s != kAccepted) break;
+        --m_OpenCount[m_Stack.back().id];
+        m_Stack.pop_back();
+        p = after;
+        break;
       }
     }
-    // Behind a finished element: close the open ones whose close tags follow.
-    for (;;) {
-      p = SkipBlanks(p);
-      if (stack.empty()) return *p == 0 ? 0 : -1;
-      if (*p != '<') return -1;
-      if (p[1] != '/') break;
-      const char* after = nullptr;
-      if (!IsCloseOf(p, stack.back().id, after)) return -1;
-      --m_OpenCount[stack.back().id];
-      stack.pop_back();
-      p = after;
+    if (s == kBail) return kBail;
+    if (s == kMore) {
+      if (final || static_cast<size_t>(end - p) > kMaxPendingUnit) return kBail;
+      m_Pos = static_cast<size_t>(p - text);
+      return kMore;
     }
   }
 }
+
+namespace {
+void Accepted(const StreamParser& stream, CIMelement** firstError) {
+  for (const std::string& name : stream.Unknown()) TraceUnknownAttribute(name.c_str());
+  *firstError = stream.FirstError();
+}
+}  // namespace
 
 // The whole read: frame search, then the streaming engine when allowed, else (or when it
 // bails out) the exact engine on a private copy. Both engines only ever append, so the
@@ -563,21 +701,22 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
   if (cim == nullptr) return 1001;
 
   if (allowStream) {
-    StreamParser stream(root, ::oxCIM::oxCIM.IsTraced(TRACE_ERROR));
-    if (stream.Parse(cim) == 0) {
-      for (const std::string& name : stream.Unknown()) TraceUnknownAttribute(name.c_str());
-      *firstError = stream.FirstError();
+    StreamParser stream(root);
+    stream.StartAt(static_cast<size_t>(cim - src));
+    if (stream.Feed(src, text.size(), true) == StreamParser::kAccepted) {
+      Accepted(stream, firstError);
+      g_Streamed.fetch_add(1, std::memory_order_relaxed);
       return 0;
     }
     root->eclean();
   }
 
-  char* copy = strdup(src);
+  g_Exact.fetch_add(1, std::memory_order_relaxed);
+  std::unique_ptr<char, void (*)(void*)> copy(strdup(src), std::free);
   if (copy == nullptr) return 1001;
-  char* cursor = copy + (cim - src);
+  char* cursor = copy.get() + (cim - src);
   ExactParser exact(root);
   const int r = exact.ParseBuffer(&cursor, root, 1);
-  std::free(copy);
   *firstError = exact.FirstError();  // a failed parse keeps what it built, ERROR included
   return r == E_CIM ? 0 : 1001;
 }
@@ -586,28 +725,96 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream) {
   return Parse(root, text, allowStream, nullptr);
 }
 
+// ---------------------------------------------------------------------------------------
+// Reading a body while it arrives.
+
+struct BodyReader::Engine {
+  explicit Engine(CIMelement* root) : stream(root) {}
+  StreamParser stream;
+};
+
+BodyReader::BodyReader(CIMelement* root, size_t step) : m_Root(root), m_Step(step) {}
+
+BodyReader::~BodyReader() { delete m_Engine; }
+
+void BodyReader::Feed(const std::string& body) noexcept {
+  if (m_GaveUp || body.size() - m_Fed < m_Step) return;
+  m_Fed = body.size();
+  try {
+    if (m_Engine == nullptr) {
+      m_Root->eclean();
+      m_Engine = new Engine(m_Root);
+    }
+    if (m_Engine->stream.Feed(body.c_str(), body.size(), false) != StreamParser::kMore)
+      GiveUp();
+  } catch (...) {
+    GiveUp();
+  }
+}
+
+void BodyReader::GiveUp() noexcept {
+  m_GaveUp = true;
+  delete m_Engine;
+  m_Engine = nullptr;
+  m_Root->eclean();
+}
+
+int BodyReader::Finish(const std::string& body, CIMelement** firstError) {
+  if (m_Engine != nullptr && !m_GaveUp) {
+    const StreamParser::Status s = m_Engine->stream.Feed(body.c_str(), body.size(), true);
+    if (s == StreamParser::kAccepted) {
+      CIMelement* unused = nullptr;
+      Accepted(m_Engine->stream, firstError ? firstError : &unused);
+      g_Incremental.fetch_add(1, std::memory_order_relaxed);
+      delete m_Engine;
+      m_Engine = nullptr;
+      return 0;
+    }
+  }
+  GiveUp();
+  return Parse(m_Root, body, true, firstError);
+}
+
 }  // namespace codec
+
+ParseRouteCounts ParseRoutes() {
+  return {codec::g_Streamed.load(std::memory_order_relaxed),
+          codec::g_Incremental.load(std::memory_order_relaxed),
+          codec::g_Exact.load(std::memory_order_relaxed)};
+}
 
 // ---------------------------------------------------------------------------------------
 
-int CIMelement::ParseCIMXML(const std::string& text) { return codec::Parse(this, text, true); }
+int CIMelement::ParseCIMXML(const std::string& text) try {
+  return codec::Parse(this, text, true);
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return 1001;
+}
 
-int CIMelement::GenerateCIMXML(std::string& out) {
+// Appends piece by piece: the same bytes the per-line formats would give, without
+// building a temporary string for every line.
+int CIMelement::GenerateCIMXML(std::string& out) try {
   CIMelement* last = getLastElement();
-  if (IsKind(this, E_CIM)) out = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n";
+  if (IsKind(this, E_CIM)) out.assign("<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n", 40);
 
-  boost::format open("<%s");
-  boost::format attribute(" %s=\"%s\"");
-  boost::format leaf(">%s</%s>\n");
-  boost::format closing("</%s>\n");
   for (CIMelement* e = this; e != nullptr; e = e->m_Next) {
     const char* name = e->m_Name != nullptr ? e->m_Name : "";
-    out += (open % name).str();
-    for (unsigned long pos = 0;; ++pos) {
-      char* value = nullptr;
-      const int id = e->attr_get(pos, &value);
-      if (id == A_UNKNOWN) break;
-      out += (attribute % known_cim_attributes[id] % value).str();
+    out += '<';
+    out += name;
+    if (const CIMarray* a = e->m_Attributes) {
+      // attr_get by position: stops at the first empty slot or unknown identifier.
+      for (unsigned long pos = 0; pos < a->argc; ++pos) {
+        const char* entry = a->argv[pos];
+        if (entry == nullptr) break;
+        const int id = static_cast<unsigned char>(entry[0]) - 1;
+        if (id == A_UNKNOWN) break;
+        out += ' ';
+        out += known_cim_attributes[id];
+        out += "=\"";
+        out += entry + 1;
+        out += '"';
+      }
     }
     CIMelement* next = e->m_Next != nullptr ? e->m_Next : this;
     CIMelement* np = next->m_Parent;
@@ -616,13 +823,20 @@ int CIMelement::GenerateCIMXML(std::string& out) {
       if (e->m_Value != nullptr)
         OX_TRACE(TRACE_ERROR, "GenerateCIMXML: (#PCDATA) not allowed here!");
     } else {
-      if (e->m_Value == nullptr)
+      if (e->m_Value == nullptr) {
         out += "/>\n";
-      else
-        out += (leaf % e->m_Value % name).str();
+      } else {
+        out += '>';
+        out += e->m_Value;
+        out += "</";
+        out += name;
+        out += ">\n";
+      }
       CIMelement* a = e->m_Parent;
       while (a != nullptr && a != np) {
-        out += (closing % (a->m_Name != nullptr ? a->m_Name : "")).str();
+        out += "</";
+        out += a->m_Name != nullptr ? a->m_Name : "";
+        out += ">\n";
         a = a->m_Parent;
       }
       if (a == nullptr && np != nullptr) {
@@ -633,6 +847,9 @@ int CIMelement::GenerateCIMXML(std::string& out) {
     if (e == last) return 0;
   }
   return 0;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return 1001;
 }
 
 }  // namespace oxCIM

@@ -1,10 +1,15 @@
 // Vocabulary tables, module identity, CIMelement, CIMclass and CIMarray.
 #include "oxInternal.h"
 
+#include <atomic>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
+#include <new>
+#include <vector>
 
 namespace oxCIM {
 
@@ -69,6 +74,170 @@ bool EqualNoCase(const char* a, const char* b) {
   }
 }
 
+// ---------------------------------------------------------------------------------------
+// Node pools. A large answer makes hundreds of thousands of elements and attribute arrays;
+// taken one by one from malloc they cost much of the parse and of the free, and far more
+// on a heap that other code has fragmented. Blocks come from 64 KiB slabs, each with a
+// bitmap of its free blocks. A thread takes blocks from one slab in address order, so a
+// tree is built, walked and freed in memory order whatever order its nodes were freed
+// in; a block may be freed by any thread (one atomic bit). Slabs stay with the pool for
+// the life of the process. Sanitizer builds use the global heap, so that every misuse of
+// a node is still caught.
+
+#ifndef OXCIM_POOL
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OXCIM_POOL 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OXCIM_POOL 0
+#endif
+#endif
+#endif
+#ifndef OXCIM_POOL
+#define OXCIM_POOL 1
+#endif
+
+namespace {
+
+template <size_t kSize>
+class SlabPool {
+ public:
+  static void* Take() {
+    for (;;) {
+      if (Slab* s = t_Current) {
+        for (size_t w = t_Word; w < kWords; ++w) {
+          uint64_t bits = s->free[w].load(std::memory_order_relaxed);
+          while (bits != 0) {
+            const uint64_t bit = bits & (~bits + 1);
+            const uint64_t old = s->free[w].fetch_and(~bit, std::memory_order_acquire);
+            if (old & bit) {
+              t_Word = w;
+              return reinterpret_cast<char*>(s) + kHeader +
+                     (w * 64 + static_cast<size_t>(__builtin_ctzll(bit))) * kSize;
+            }
+            bits = old & ~bit;
+          }
+        }
+      }
+      NextSlab();
+    }
+  }
+
+  static void Give(void* block) {
+    const uintptr_t at = reinterpret_cast<uintptr_t>(block);
+    Slab* s = reinterpret_cast<Slab*>(at & ~static_cast<uintptr_t>(kSlabBytes - 1));
+    const size_t index = (at - reinterpret_cast<uintptr_t>(s) - kHeader) / kSize;
+    s->free[index / 64].fetch_or(uint64_t{1} << (index % 64), std::memory_order_release);
+  }
+
+  static size_t InUse() {
+    std::lock_guard<std::mutex> lock(s_Lock);
+    size_t used = 0;
+    for (Slab* s : Slabs()) used += kBlocks - FreeBlocks(s);
+    return used * kSize;
+  }
+
+ private:
+  static constexpr size_t kSlabBytes = 64 * 1024;
+  static constexpr size_t kHeader = 256;
+  static constexpr size_t kBlocks = (kSlabBytes - kHeader) / kSize;
+  static constexpr size_t kWords = (kBlocks + 63) / 64;
+  static_assert(kWords * sizeof(uint64_t) <= kHeader, "bitmap fits the slab header");
+
+  struct Slab {
+    std::atomic<uint64_t> free[kWords];  // a set bit: that block is free
+  };
+
+  static size_t FreeBlocks(Slab* s) {
+    size_t n = 0;
+    for (size_t w = 0; w < kWords; ++w)
+      n += static_cast<size_t>(__builtin_popcountll(s->free[w].load(std::memory_order_relaxed)));
+    return n;
+  }
+
+  // Never destroyed: blocks may be freed during static destruction.
+  static std::vector<Slab*>& Slabs() {
+    static std::vector<Slab*>* slabs = new std::vector<Slab*>;
+    return *slabs;
+  }
+
+  // Moves this thread on to a slab with a fair share of free blocks (so that a nearly
+  // full slab is not visited again and again), or to a new one.
+  static void NextSlab() {
+    std::lock_guard<std::mutex> lock(s_Lock);
+    std::vector<Slab*>& slabs = Slabs();
+    for (size_t i = 0; i < slabs.size(); ++i) {
+      t_Cursor = (t_Cursor + 1) % slabs.size();
+      Slab* s = slabs[t_Cursor];
+      if (s != t_Current && FreeBlocks(s) >= kBlocks / 8) {
+        t_Current = s;
+        t_Word = 0;
+        return;
+      }
+    }
+    void* memory = std::aligned_alloc(kSlabBytes, kSlabBytes);
+    if (memory == nullptr) throw std::bad_alloc();
+    Slab* s = new (memory) Slab;
+    for (size_t w = 0; w < kWords; ++w) {
+      const size_t left = kBlocks - w * 64;
+      s->free[w].store(left >= 64 ? ~uint64_t{0} : (uint64_t{1} << left) - 1,
+                       std::memory_order_relaxed);
+    }
+    slabs.push_back(s);
+    t_Cursor = slabs.size() - 1;
+    t_Current = s;
+    t_Word = 0;
+  }
+
+  static std::mutex s_Lock;
+  static thread_local Slab* t_Current;
+  static thread_local size_t t_Word;    // first bitmap word that may still hold a free bit
+  static thread_local size_t t_Cursor;  // where the search for the next slab goes on
+};
+
+template <size_t kSize> std::mutex SlabPool<kSize>::s_Lock;
+template <size_t kSize> thread_local typename SlabPool<kSize>::Slab* SlabPool<kSize>::t_Current = nullptr;
+template <size_t kSize> thread_local size_t SlabPool<kSize>::t_Word = 0;
+template <size_t kSize> thread_local size_t SlabPool<kSize>::t_Cursor = 0;
+
+template <typename T>
+using PoolFor = SlabPool<(sizeof(T) + 7) / 8 * 8>;
+
+template <typename T>
+void* PoolNew(std::size_t size) {
+#if OXCIM_POOL
+  if (size == sizeof(T)) return PoolFor<T>::Take();
+#endif
+  return ::operator new(size);
+}
+
+template <typename T>
+void PoolDelete(void* block, std::size_t size) noexcept {
+  if (block == nullptr) return;
+#if OXCIM_POOL
+  if (size == sizeof(T)) return PoolFor<T>::Give(block);
+#endif
+  ::operator delete(block);
+}
+
+}  // namespace
+
+size_t PoolBytesInUse() {
+#if OXCIM_POOL
+  return PoolFor<CIMelement>::InUse() + PoolFor<CIMarray>::InUse();
+#else
+  return 0;
+#endif
+}
+
+void* CIMarray::operator new(std::size_t size) { return PoolNew<CIMarray>(size); }
+void CIMarray::operator delete(void* block, std::size_t size) noexcept {
+  PoolDelete<CIMarray>(block, size);
+}
+void* CIMelement::operator new(std::size_t size) { return PoolNew<CIMelement>(size); }
+void CIMelement::operator delete(void* block, std::size_t size) noexcept {
+  PoolDelete<CIMelement>(block, size);
+}
 
 // ---------------------------------------------------------------------------------------
 // CIMarray
@@ -156,14 +325,14 @@ void* CIMarray::putargv(const void* data, long len, long grow) {
       std::memset(block + offset, 0, size - offset);
     m_Lock.Leave();
     return block;
-  } catch (const char* e) {
+  } catch (...) {
     if (locked) m_Lock.Leave();
-    OX_TRACE(TRACE_ERROR, "putargv: Exception raised: %s", e);
+    OX_TRACE_EXCEPTION();
     return nullptr;
   }
 }
 
-CIMarray& CIMarray::operator=(const CIMarray& other) {
+CIMarray& CIMarray::operator=(const CIMarray& other) try {
   if (this == &other) return *this;
   if (setmaxargc(0) != 0 || setmaxargc(other.maxargc) != 0 || other.argc == 0) return *this;
   const long code = other.elemlen;
@@ -178,6 +347,9 @@ CIMarray& CIMarray::operator=(const CIMarray& other) {
       if (block != nullptr) std::memcpy(block, entry, lead);
     }
   }
+  return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
   return *this;
 }
 
@@ -225,8 +397,8 @@ CIMelement* CIMelement::makeNextElement() {
     }
     if (node->m_Next != nullptr) throw "this->m_Next is already set!";
     return node;
-  } catch (const char* e) {
-    OX_TRACE(TRACE_ERROR, "makeNextElement: Exception raised: %s", e);
+  } catch (...) {
+    OX_TRACE_EXCEPTION();
     return nullptr;
   }
 }
@@ -274,8 +446,8 @@ int CIMelement::attr_put(int attrId, const char* text) {
     if (block == nullptr) throw "cannot alloc memory!";
     block[0] = static_cast<char>(attrId + 1);
     return 0;
-  } catch (const char* e) {
-    OX_TRACE(TRACE_ERROR, "attr_put: Exception raised: %s", e);
+  } catch (...) {
+    OX_TRACE_EXCEPTION();
     return 1001;
   }
 }
@@ -403,7 +575,7 @@ int FirstAttributeId(CIMelement* e) {
 }
 }  // namespace
 
-CIMelement& CIMelement::operator=(const CIMelement& source) {
+CIMelement& CIMelement::operator=(const CIMelement& source) try {
   if (this == &source) return *this;
   // Cleaning this list first would free a source that lives inside it: copy via a temporary.
   for (const CIMelement* n = m_Next; n != nullptr; n = n->m_Next) {
@@ -464,6 +636,9 @@ CIMelement& CIMelement::operator=(const CIMelement& source) {
     src = src->m_Next;
   }
   return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return *this;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -489,7 +664,7 @@ void CIMclass::setClassName(const char* className, const char* nameSpace) {
   m_NameSpace = (nameSpace != nullptr && *nameSpace != '\0') ? strdup(nameSpace) : nullptr;
 }
 
-CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) {
+CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) try {
   CIMclass* node = this;
   if (m_ClassName != nullptr) {
     CIMclass* last = this;
@@ -499,6 +674,9 @@ CIMclass* CIMclass::makeNextClass(const char* className, const char* nameSpace) 
   }
   node->setClassName(className, nameSpace);
   return node;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
+  return nullptr;
 }
 
 CIMclass* CIMclass::findClassName(const char* className, const char* nameSpace) {
@@ -540,7 +718,7 @@ void CIMclass::clsClean() {
   }
 }
 
-CIMclass& CIMclass::operator=(const CIMclass& other) {
+CIMclass& CIMclass::operator=(const CIMclass& other) try {
   if (this == &other) return *this;
   clsClean();
   for (const CIMclass* src = &other; src != nullptr; src = src->m_Next) {
@@ -555,6 +733,9 @@ CIMclass& CIMclass::operator=(const CIMclass& other) {
       this->*list = copy;
     }
   }
+  return *this;
+} catch (...) {
+  OX_TRACE_EXCEPTION();
   return *this;
 }
 

@@ -239,18 +239,31 @@ void CIMconnection::Debug_Request_Response() {
   }
 }
 
-void RecordException(CIMconnection& c, const char* function) noexcept {
-  const char* what = "unknown exception";
+const char* CurrentExceptionText() noexcept {
   try {
     throw;
   } catch (const std::exception& e) {
-    what = e.what();
+    return e.what();
   } catch (const char* text) {
-    what = text;
+    return text;
+  } catch (...) {
+    return "unknown exception";
+  }
+}
+
+void TraceException(const char* function, const char* file, int line) noexcept {
+  if (!oxCIM.IsTraced(TRACE_ERROR)) return;
+  try {
+    Brix::Internals::CTraceStreamBuffer tb(TRACE_ERROR, oxCIM, file, function, line);
+    trace_detail::OxFormat(tb, "%s: Exception raised: %s", function, CurrentExceptionText());
   } catch (...) {
   }
+}
+
+void RecordException(CIMconnection& c, const char* function) noexcept {
   try {
-    const std::string text = std::string(function) + ": Exception raised: " + what;
+    const std::string text = std::string(function) + ": Exception raised: " +
+                             CurrentExceptionText();
     c.SetCimStatus(1001, text.c_str());
   } catch (...) {
     if (c.m_ErrCode == 0) c.m_ErrCode = 1001;

@@ -11,12 +11,9 @@
 
 namespace oxCIM {
 
-namespace codec {
-// ParseCIMXML that also hands back the list's first ERROR element (CIMXMLparser.cpp).
-int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelement** firstError);
-}  // namespace codec
-
 namespace {
+
+class PreviousTree;
 
 // Where the body and header callbacks append, and how much each may take. Nothing may
 // unwind through libcurl's C frames, so a failed append (length or allocation) aborts the
@@ -25,7 +22,13 @@ struct Sink {
   std::string* text;
   uint64_t limit;  // 0 = none
   bool tooLarge;
+  // Body only: the answer is read while it arrives (a piece is read only once it passed
+  // the limit), and the previous tree is freed right before the reading starts.
+  codec::BodyReader* reader;
+  PreviousTree* previous;
 };
+
+void StartReading(Sink* sink);
 
 size_t appendToSink(char* data, size_t size, size_t count, void* userdata) {
   const size_t n = size * count;
@@ -39,6 +42,10 @@ size_t appendToSink(char* data, size_t size, size_t count, void* userdata) {
     sink->text->append(data, n);
   } catch (const std::exception&) {
     return 0;
+  }
+  if (sink->reader != nullptr) {
+    if (sink->previous != nullptr) StartReading(sink);
+    sink->reader->Feed(*sink->text);
   }
   return n;
 }
@@ -96,6 +103,11 @@ class PreviousTree {
   CIMelement m_Held;  // its destructor frees whatever release() did not
 };
 
+void StartReading(Sink* sink) {
+  sink->previous->release();
+  sink->previous = nullptr;
+}
+
 bool isNoConnectResult(long result) {
   return result == CURLE_COULDNT_CONNECT || result == CURLE_OPERATION_TIMEDOUT ||
          result == CURLE_ABORTED_BY_CALLBACK || result == CURLE_GOT_NOTHING;
@@ -137,10 +149,10 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) tr
   m_Header.clear();
   m_Response.clear();
   // The previous tree leaves m_ResponseTree now but is freed only right before the new
-  // body is parsed: freed earlier, its hundreds of thousands of small blocks sit in
-  // malloc's fast bins while the transfer's large allocations force glibc to coalesce
-  // them all, and the parse then carves them up again. Freed just before the parse, the
-  // parse takes them straight back. Nothing can observe the tree in between.
+  // body is read (its first piece, or after the transfer when nothing came): freed
+  // earlier, its hundreds of thousands of small blocks sit in malloc's fast bins while
+  // the transfer's large allocations force glibc to coalesce them all, and the read then
+  // carves them up again. Nothing can observe the tree in between.
   PreviousTree previous(m_ResponseTree);
 
   if (m_User.empty() || m_Passwd.empty() || m_Port.empty()) {
@@ -159,8 +171,9 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) tr
 
   // These must outlive curl_easy_perform only; the next call installs fresh ones.
   CIMprogress progress{};
-  Sink body{&m_Response, m_MaxResponseBytes, false};
-  Sink header{&m_Header, kMaxResponseHeaderBytes, false};
+  codec::BodyReader reader(&m_ResponseTree);
+  Sink body{&m_Response, m_MaxResponseBytes, false, &reader, &previous};
+  Sink header{&m_Header, kMaxResponseHeaderBytes, false, nullptr, nullptr};
 
 #define OX_SETOPT(option, value)                           \
   do {                                                     \
@@ -277,11 +290,12 @@ int CIMconnection::sendRequest_recvResponse(const char* method, char* object) tr
   // is empty.
   CIMelement* error = nullptr;
   if (tooLarge) {
-    // Nothing of a cut answer is parsed; neither is it kept, it may be huge.
+    // Nothing of a cut answer is parsed; neither is it kept, it may be huge. What was
+    // read of it while it arrived goes too.
+    reader.GiveUp();
     std::string().swap(m_Response);
   } else if (!m_Response.empty() || result == CURLE_GOT_NOTHING) {
-    if (codec::Parse(&m_ResponseTree, m_Response, true, &error) != 0)
-      SetCimStatus(5002, "Can't parse the m_Response");
+    if (reader.Finish(m_Response, &error) != 0) SetCimStatus(5002, "Can't parse the m_Response");
   } else {
     SetCimStatus(5001, "No data received from server");
   }

@@ -53,12 +53,67 @@ inline bool IsKind(const CIMelement* e, int id) {
   return e != nullptr && e->m_Name == known_cim_elements[id];
 }
 
+// Called from a catch handler: the text of the exception in flight.
+const char* CurrentExceptionText() noexcept;
+// Called from a catch handler: traces "<function>: Exception raised: <what>" at the level
+// of the object model and the codec.
+void TraceException(const char* function, const char* file, int line) noexcept;
+#define OX_TRACE_EXCEPTION() ::oxCIM::TraceException(__func__, __FILE__, __LINE__)
+
 // Called from a catch handler: records the exception in flight as status 1001, traced as
 // "<function>: Exception raised: <what>". Nothing escapes, not even from an allocation.
 void RecordException(CIMconnection& c, const char* function) noexcept;
 
 // Locale-aware, whole-string, case-insensitive equality used for user data.
 bool EqualNoCase(const char* a, const char* b);
+
+// Diagnostics for the tests and benchmarks (exported, not part of the public header).
+// Bytes of pooled elements and arrays in use, as the calling thread sees it: blocks that
+// other threads keep on their own free lists count as in use.
+OXCIM_API size_t PoolBytesInUse();
+// Documents read so far by each route of the parser, process-wide.
+struct ParseRouteCounts {
+  unsigned long streamed;     // whole text in one pass
+  unsigned long incremental;  // in one pass, chunk by chunk while the body arrived
+  unsigned long exact;        // search-based route (fallback or by request)
+};
+OXCIM_API ParseRouteCounts ParseRoutes();
+
+namespace codec {
+
+// ParseCIMXML that also hands back the list's first ERROR element (null if none).
+OXCIM_API int Parse(CIMelement* root, const std::string& text, bool allowStream,
+                    CIMelement** firstError);
+
+// Reads a CIM-XML body into `root` while it arrives. Feed takes the whole body received so
+// far after each piece; Finish, on the complete body, gives exactly what Parse would give
+// (result, list, traces, ERROR element): the pieces read in one pass when that pass
+// accepts the document, else a read of the whole body. Feed never throws; trouble there
+// only means the whole body is read at the end.
+class OXCIM_API BodyReader {
+ public:
+  // step: a read step waits until this many bytes came in since the last one. Each step
+  // has a cost of its own, and on loopback larger steps read faster.
+  static constexpr size_t kDefaultStep = 256 * 1024;
+  explicit BodyReader(CIMelement* root, size_t step = kDefaultStep);
+  ~BodyReader();
+  BodyReader(const BodyReader&) = delete;
+  BodyReader& operator=(const BodyReader&) = delete;
+
+  void Feed(const std::string& bodySoFar) noexcept;
+  int Finish(const std::string& body, CIMelement** firstError);
+  void GiveUp() noexcept;  // drops what was read; Finish then reads the whole body
+
+ private:
+  struct Engine;
+  CIMelement* m_Root;
+  Engine* m_Engine = nullptr;
+  size_t m_Step;
+  size_t m_Fed = 0;  // body length at the last read step
+  bool m_GaveUp = false;
+};
+
+}  // namespace codec
 
 namespace trace_detail {
 

@@ -1,8 +1,9 @@
 // Arbitrary bytes through the CIM-XML reader and writer.
 //
 // The reader's source is compiled in so that its two engines can be compared: the public
-// ParseCIMXML (streaming engine with its fallback) must give exactly the list, result and
-// traces of the search-based engine alone. A successful read must write back with result
+// ParseCIMXML (streaming engine with its fallback) and the body reader fed in pieces (as
+// while an answer arrives) must each give exactly the list, result and traces of the
+// search-based engine alone. A successful read must write back with result
 // 0, and the written text must be readable again without crashing.
 #include "CIMXMLparser.cpp"
 
@@ -68,6 +69,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(rc == rcExact, "result differs from the search-based engine");
   Check(traces == *g_traces, "traces differ from the search-based engine");
   Check(Dump(root) == Dump(exact), "list differs from the search-based engine");
+
+  // Piece lengths from 1 to 61 bytes, chosen by the input itself.
+  g_traces->clear();
+  oxCIM::CIMelement pieces;
+  const size_t piece = size == 0 ? 1 : 1 + data[size / 2] % 61;
+  {
+    oxCIM::codec::BodyReader reader(&pieces, 0);
+    std::string body;
+    for (size_t at = 0; at < text.size(); at += piece) {
+      body.append(text, at, piece);
+      reader.Feed(body);
+    }
+    Check(reader.Finish(body, nullptr) == rcExact, "result of the pieces differs");
+  }
+  Check(traces == *g_traces, "traces of the pieces differ");
+  Check(Dump(pieces) == Dump(exact), "list of the pieces differs");
+  pieces.eclean();
   exact.eclean();
 
   if (rc == 0) {

@@ -86,6 +86,10 @@ class OXCIM_API CIMarray {
   CIMarray(const CIMarray& other);
   ~CIMarray();
 
+  // Arrays and elements come from a per-thread pool: made with new, released with delete.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* block, std::size_t size) noexcept;
+
   int setmaxargc(unsigned long n);  // 0 or 1001
   void FreeUnused();
   void* putargv(const void* data, long len, long grow);
@@ -104,6 +108,9 @@ class OXCIM_API CIMelement {
   CIMelement();
   CIMelement(const CIMelement& other);
   ~CIMelement();
+
+  static void* operator new(std::size_t size);
+  static void operator delete(void* block, std::size_t size) noexcept;
 
   CIMelement* makeNextElement();
   CIMelement* getLastElement();

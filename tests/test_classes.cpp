@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../Src/oxInternal.h"
 #include "TestSupport.h"
 
 #include <cstring>
@@ -229,6 +230,31 @@ TEST(ElementTree, LongListsAreFreedWithoutRecursion) {
   t.last = nullptr;
   for (int i = 0; i < 1000000; ++i) t.add(kValue, nullptr);
   delete root;
+}
+
+// Nodes and arrays come from pools: whichever thread frees them, every block comes back.
+// (Sanitizer builds bypass the pools; there the sanitizer checks the same.)
+TEST(ElementTree, PooledNodesComeBackFromAnyThread) {
+  const size_t before = PoolBytesInUse();
+  auto build = [](int count) {
+    auto* root = new CIMelement();
+    Builder t{*root};
+    CIMelement* top = t.add(1, nullptr, "top");
+    for (int i = 0; i < count; ++i) t.add(kValue, top, "n", "v");
+    return root;
+  };
+  std::vector<CIMelement*> lists;
+  for (int i = 0; i < 3; ++i) lists.push_back(build(3000));
+  // Freed on other threads, while this one makes new nodes from the same pools.
+  std::thread a([&] { CIMclass::kill_element(&lists[0]); delete lists[1]; });
+  std::thread b([&] { lists[2]->eclean(); delete lists[2]; });
+  CIMelement* fresh = build(5000);
+  a.join();
+  b.join();
+  EXPECT_EQ(lists[0], nullptr);
+  EXPECT_EQ(fresh->findelement(kValue, 4999)->attr_find(aName), std::string("n"));
+  CIMclass::kill_element(&fresh);
+  EXPECT_EQ(PoolBytesInUse(), before);
 }
 
 TEST(ElementTree, DeleteElementRelinks) {

@@ -207,56 +207,64 @@ TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
   }
 }
 
-// Every allocation of an operation, failed in turn: the operation returns, reports a
-// failure or a complete result, and the container works normally afterwards.
+// An answer with `copies` times the named instances of the fixture.
+std::string enumerationOf(int copies) {
+  const std::string fixture = oxtest::ReadFixture("op_enuminstances.xml");
+  const size_t from = fixture.find("<VALUE.NAMEDINSTANCE>");
+  const size_t to = fixture.rfind("</VALUE.NAMEDINSTANCE>") + 22;
+  std::string body = fixture.substr(0, from);
+  for (int i = 0; i < copies; ++i) body += fixture.substr(from, to - from);
+  return body + fixture.substr(to);
+}
+
+// Allocations of an operation failed in turn (every one of a small answer, a sample of a
+// large one that is read while it arrives): the operation returns, reports a failure or a
+// complete result, and the container works normally afterwards.
 TEST(AllocationFailure, NeverEscapesNorReadsAsSuccess) {
-  ScriptedServer server;
-  server.setDefault(CannedResponse::cimOk(oxtest::ReadFixture("op_enuminstances.xml")));
-  auto run = [&](oxCIM::CIMcontainer& c, long failAt) {
-    oxtest::PointAt(c, server.port());
-    c.setCurrentClass("OX_Disk", "root/cimv2");
-    t_allocations = 0;
-    t_countdown = failAt;
-    const unsigned long first = c.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
-    t_countdown = -1;
-    size_t n = 0;
-    for (oxCIM::CIMelement* e = c.m_pcls ? c.m_pcls->m_Properties : nullptr; e; e = e->m_Next)
-      if (e->m_Name && std::strcmp(e->m_Name, "INSTANCE") == 0) ++n;
-    return std::make_pair(first, n);
-  };
-  size_t expected = 0;
-  long total = 0;
-  {
+  for (const auto& [copies, samples] : {std::pair<int, long>{1, 100000}, {1500, 150}}) {
+    SCOPED_TRACE(copies);
+    ScriptedServer server;
+    server.setDefault(CannedResponse::cimOk(enumerationOf(copies)));
+    auto run = [&](oxCIM::CIMcontainer& c, long failAt) {
+      oxtest::PointAt(c, server.port());
+      c.setCurrentClass("OX_Disk", "root/cimv2");
+      t_allocations = 0;
+      t_countdown = failAt;
+      const unsigned long first = c.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr);
+      t_countdown = -1;
+      size_t n = 0;
+      for (oxCIM::CIMelement* e = c.m_pcls ? c.m_pcls->m_Properties : nullptr; e; e = e->m_Next)
+        if (e->m_Name && std::strcmp(e->m_Name, "INSTANCE") == 0) ++n;
+      return std::make_pair(first, n);
+    };
     oxCIM::CIMcontainer clean;
-    const auto r = run(clean, -1);
-    total = t_allocations;
-    ASSERT_NE(r.first, 0u);
-    expected = r.second;
-    ASSERT_GT(expected, 1u);
-  }
-  oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
-  int failed = 0;
-  const long step = total / 1000 + 1;
-  for (long k = 0; k < total; k += step) {
-    oxCIM::CIMcontainer c;
-    std::pair<unsigned long, size_t> r;
-    ASSERT_NO_THROW(r = run(c, k)) << "allocation " << k;
-    if (c.m_ErrCode == 0) {
-      EXPECT_NE(r.first, 0u) << "allocation " << k;
-      EXPECT_EQ(r.second, expected) << "allocation " << k << ": partial result read as success";
-    } else {
-      EXPECT_EQ(r.first, 0u) << "allocation " << k;
-      ++failed;
+    const auto reference = run(clean, -1);
+    const long total = t_allocations;
+    ASSERT_NE(reference.first, 0u);
+    ASSERT_GT(reference.second, 1u);
+
+    oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+    int failed = 0;
+    for (long k = 0; k < total; k += total / samples + 1) {
+      oxCIM::CIMcontainer c;
+      std::pair<unsigned long, size_t> r;
+      ASSERT_NO_THROW(r = run(c, k)) << "allocation " << k;
+      if (c.m_ErrCode == 0) {
+        EXPECT_NE(r.first, 0u) << "allocation " << k;
+        EXPECT_EQ(r.second, reference.second)
+            << "allocation " << k << ": partial result read as success";
+      } else {
+        EXPECT_EQ(r.first, 0u) << "allocation " << k;
+        ++failed;
+      }
+      EXPECT_EQ(run(c, -1).second, reference.second) << "unusable after allocation " << k;
     }
-    const auto again = run(c, -1);
-    EXPECT_EQ(again.second, expected) << "unusable after failing allocation " << k;
+    EXPECT_GT(failed, 0) << total << " allocations";
+    bool named = false;
+    for (const auto& s : trace.statusCodes())
+      named = named || s.find(": Exception raised: std::bad_alloc") != std::string::npos;
+    EXPECT_TRUE(named) << "no failure was reported as the exception it was";
   }
-  EXPECT_GT(failed, 0) << total << " allocations";
-  bool named = false;
-  for (const auto& s : trace.statusCodes())
-    named = named || s.find(": Exception raised: std::bad_alloc") !=
-                         std::string::npos;
-  EXPECT_TRUE(named) << "no failure was reported as the exception it was";
 }
 
 }  // namespace

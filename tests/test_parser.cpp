@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <oxCIM.h>
 
+#include "../Src/oxInternal.h"
 #include "TestSupport.h"
 
 #include <functional>
@@ -237,6 +238,94 @@ TEST(CimXmlParse, SearchRouteAndStreamingRouteBuildTheSameList) {
     const std::string plain = Parsed(doc, &t1);
     ASSERT_EQ(Parsed(commented, &t2), plain) << doc << "\n" << commented;
     ASSERT_EQ(t2, t1);
+  }
+}
+
+// The fixtures are what servers typically send: each must be read in one pass, whole and
+// piece by piece, and never by the search-based route.
+TEST(CimXmlParse, TypicalAnswersTakeTheSinglePassRoutes) {
+  for (const char* file : {"resp_enum_instances.xml", "resp_associators.xml", "op_getclass.xml",
+                           "op_error.xml", "op_enuminstances.xml", "op_namespaces.xml"}) {
+    const std::string text = ReadFixture(file);
+    const oxCIM::ParseRouteCounts before = oxCIM::ParseRoutes();
+    CIMelement whole, pieces;
+    ASSERT_EQ(whole.ParseCIMXML(text), 0) << file;
+    oxCIM::codec::BodyReader reader(&pieces, 0);
+    std::string body;
+    for (size_t at = 0; at < text.size(); at += 700) {
+      body.append(text, at, 700);
+      reader.Feed(body);
+    }
+    ASSERT_EQ(reader.Finish(body, nullptr), 0) << file;
+    const oxCIM::ParseRouteCounts after = oxCIM::ParseRoutes();
+    EXPECT_EQ(after.streamed - before.streamed, 1u) << file;
+    EXPECT_EQ(after.incremental - before.incremental, 1u) << file;
+    EXPECT_EQ(after.exact - before.exact, 0u) << file;
+    EXPECT_EQ(Dump(pieces), Dump(whole)) << file;
+  }
+}
+
+// An answer that arrives in pieces over HTTP is read while it arrives.
+TEST(CimXmlParse, AnswersAreReadWhileTheyArrive) {
+  // A long enumeration: the fixture's instances many times over.
+  std::string text = ReadFixture("resp_enum_instances.xml");
+  const size_t from = text.find("<VALUE.NAMEDINSTANCE>");
+  const size_t to = text.find("</IRETURNVALUE>");
+  ASSERT_LT(from, to);
+  const std::string instances = text.substr(from, to - from);
+  std::string many;
+  while (many.size() < 4 * oxCIM::codec::BodyReader::kDefaultStep) many += instances;
+  text.replace(from, to - from, many);
+  oxsim::ScriptedServer server;
+  oxtest::CannedResponse answer = oxtest::CannedResponse::cimOk(text);
+  answer.dripChunk = 64 * 1024;
+  server.setDefault(answer);
+  oxCIM::CIMconnection c;
+  oxtest::PointAt(c, server.port());
+  c.m_Request = "<?xml version=\"1.0\"?><CIM/>";
+  char object[] = "root/cimv2";
+  const oxCIM::ParseRouteCounts before = oxCIM::ParseRoutes();
+  ASSERT_EQ(c.sendRequest_recvResponse("EnumerateInstances", object), 0);
+  const oxCIM::ParseRouteCounts after = oxCIM::ParseRoutes();
+  EXPECT_EQ(after.incremental - before.incremental, 1u);
+  EXPECT_EQ(after.streamed + after.exact, before.streamed + before.exact);
+  CIMelement whole;
+  ASSERT_EQ(whole.ParseCIMXML(c.m_Response), 0);
+  EXPECT_EQ(Dump(c.m_ResponseTree), Dump(whole));
+}
+
+// Whatever the document and wherever the pieces end, reading while the body arrives gives
+// the result, list, traces and ERROR element of reading the whole text.
+TEST(CimXmlParse, ReadingPieceByPieceGivesWhatTheWholeTextGives) {
+  std::mt19937 rng(20261123);
+  std::vector<std::string> docs = {Doc("<VALUE>don't</VALUE>"), Doc("<VALUE>x"),
+                                   Doc("<ERROR CODE=\"6\"/><VALUE Foo=\"1\"/>") + "\n\n",
+                                   Doc("<VALUE/>") + std::string("\0<x>", 4),
+                                   kDecl + "<CIM CIMVERSION=\"2.0\"><VALUE>a</VALUE></CIM><VALUE/>"};
+  for (int i = 0; i < 300; ++i) docs.push_back(RandomDocument(rng));
+  for (const std::string& doc : docs) {
+    for (size_t piece : {size_t{1}, size_t{2}, size_t{7}, size_t{64}}) {
+      oxtest::TraceCapture t(kError | kStatus);
+      CIMelement whole, pieces;
+      CIMelement* wholeError = nullptr;
+      CIMelement* piecesError = nullptr;
+      const int rcWhole = oxCIM::codec::Parse(&whole, doc, true, &wholeError);
+      const std::string tracesWhole = t.dump();
+      t.clear();
+      oxCIM::codec::BodyReader reader(&pieces, 0);
+      std::string body;
+      for (size_t at = 0; at < doc.size(); at += piece) {
+        body.append(doc, at, piece);
+        reader.Feed(body);
+      }
+      ASSERT_EQ(reader.Finish(body, &piecesError), rcWhole) << doc;
+      ASSERT_EQ(Dump(pieces), Dump(whole)) << doc;
+      ASSERT_EQ(t.dump(), tracesWhole) << doc;
+      ASSERT_EQ(piecesError == nullptr, wholeError == nullptr) << doc;
+      if (wholeError) {
+        EXPECT_EQ(Dump(*piecesError), Dump(*wholeError));
+      }
+    }
   }
 }
 

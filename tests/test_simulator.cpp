@@ -544,7 +544,7 @@ TEST(SimIndications, LibraryListenerReceivesAndDeadDestinationIsGivenUp) {
 
 TEST(SimFaults, InjectedFailuresAsTheClientSeesThem) {
   const struct {
-    const char* spec;
+    const char* rule;
     unsigned long code;  // of the GetClass
     int requests;        // the server saw for EnumerateClassNames and GetClass
   } cases[] = {
@@ -559,10 +559,10 @@ TEST(SimFaults, InjectedFailuresAsTheClientSeesThem) {
       {"garbage@GetClass", 5002, 2},
   };
   for (const auto& t : cases) {
-    SCOPED_TRACE(t.spec);
+    SCOPED_TRACE(t.rule);
     oxsim::Fault f;
     std::string error;
-    ASSERT_TRUE(oxsim::ParseFault(t.spec, f, error)) << error;
+    ASSERT_TRUE(oxsim::ParseFault(t.rule, f, error)) << error;
     auto server = Serve();
     server->addFault(f);
     CIMcontainer c;

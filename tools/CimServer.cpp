@@ -256,23 +256,23 @@ bool ParseUrl(const std::string& url, std::string& host, int& port, std::string&
 
 bool ParseFault(const std::string& text, Fault& f, std::string& error) {
   f = Fault{};
-  std::string spec = text;
-  const std::size_t slash = spec.rfind('/');
+  std::string rule = text;
+  const std::size_t slash = rule.rfind('/');
   if (slash != std::string::npos) {
-    f.everyNth = std::atoi(spec.c_str() + slash + 1);
-    spec.resize(slash);
+    f.everyNth = std::atoi(rule.c_str() + slash + 1);
+    rule.resize(slash);
   }
-  const std::size_t at = spec.find('@');
+  const std::size_t at = rule.find('@');
   if (at != std::string::npos) {
-    f.operation = spec.substr(at + 1);
-    spec.resize(at);
+    f.operation = rule.substr(at + 1);
+    rule.resize(at);
   }
-  const std::size_t colon = spec.find(':');
-  const std::string kind = spec.substr(0, colon);
+  const std::size_t colon = rule.find(':');
+  const std::string kind = rule.substr(0, colon);
   int arg = -1;
   bool argOk = true;
   if (colon != std::string::npos) {
-    const std::string digits = spec.substr(colon + 1);
+    const std::string digits = rule.substr(colon + 1);
     argOk = !digits.empty() && digits.size() < 9 &&
             digits.find_first_not_of("0123456789") == std::string::npos;
     arg = argOk ? std::atoi(digits.c_str()) : -1;

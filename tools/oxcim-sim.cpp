@@ -24,7 +24,7 @@ const char kUsage[] =
     "  --client-ca FILE      with --https: demand a client certificate signed by FILE\n"
     "  --repository DIR      serve the classes and instances saved in DIR (a snapshot)\n"
     "                        instead of the built-in storage array\n"
-    "  --fault SPEC          inject a fault; repeatable. SPEC is KIND[:ARG][@OPERATION][/N]:\n"
+    "  --fault RULE          inject a fault; repeatable. RULE is KIND[:ARG][@OPERATION][/N]:\n"
     "                        delay:MS drip:MS close http500 http401 garbage cim-error:CODE,\n"
     "                        only for requests of OPERATION, on every Nth of them\n"
     "  --threads N           requests served at the same time (default 8)\n"
