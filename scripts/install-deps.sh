@@ -4,7 +4,7 @@
 #   scripts/install-deps.sh --build  only what the library and the client need
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libboost-dev libboost-thread-dev
-          libssl-dev)
+          libssl-dev libcli11-dev nlohmann-json3-dev)
 [ "${1:-}" = --build ] || packages+=(clang libclang-rt-14-dev openssl libgtest-dev libgmock-dev
                                      libbenchmark-dev libxml2-dev)
 missing=()
