@@ -7,6 +7,7 @@
 #include <boost/make_shared.hpp>
 #include <cstring>
 #include <ctime>
+#include <locale>
 #include <mutex>
 
 namespace oxCIM {
@@ -23,6 +24,15 @@ void EnsureCurlGlobalInit() {
 }
 
 inline CURL* AsCurl(void* p) { return static_cast<CURL*>(p); }
+
+// std::ctype<char>::narrow fills a per-character cache on first use, unsynchronised, and
+// Boost.Format calls it from every thread that formats. Filled once at load, it is only
+// read afterwards.
+const bool g_NarrowCacheFilled = [] {
+  const auto& ctype = std::use_facet<std::ctype<char>>(std::locale());
+  for (int c = 0; c < 256; ++c) ctype.narrow(static_cast<char>(c), 0);
+  return true;
+}();
 
 }  // namespace
 
