@@ -212,7 +212,7 @@ void* PoolNew(std::size_t size) {
 }
 
 template <typename T>
-void PoolDelete(void* block, std::size_t size) noexcept {
+void PoolDelete(void* block, [[maybe_unused]] std::size_t size) noexcept {
   if (block == nullptr) return;
 #if OXCIM_POOL
   if (size == sizeof(T)) return PoolFor<T>::Give(block);
