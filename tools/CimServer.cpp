@@ -1,4 +1,5 @@
 #include "CimServer.h"
+#include "CimStatusNames.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -42,29 +43,9 @@ enum : int {
   kInvalidSuperclass = 10,
 };
 
-// DSP0200's names of the status codes 1 to 20, for descriptions.
 const char* CodeName(int code) {
-  static const char* const kNames[] = {"CIM_ERR_FAILED",
-                                       "CIM_ERR_ACCESS_DENIED",
-                                       "CIM_ERR_INVALID_NAMESPACE",
-                                       "CIM_ERR_INVALID_PARAMETER",
-                                       "CIM_ERR_INVALID_CLASS",
-                                       "CIM_ERR_NOT_FOUND",
-                                       "CIM_ERR_NOT_SUPPORTED",
-                                       "CIM_ERR_CLASS_HAS_CHILDREN",
-                                       "CIM_ERR_CLASS_HAS_INSTANCES",
-                                       "CIM_ERR_INVALID_SUPERCLASS",
-                                       "CIM_ERR_ALREADY_EXISTS",
-                                       "CIM_ERR_NO_SUCH_PROPERTY",
-                                       "CIM_ERR_TYPE_MISMATCH",
-                                       "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED",
-                                       "CIM_ERR_INVALID_QUERY",
-                                       "CIM_ERR_METHOD_NOT_AVAILABLE",
-                                       "CIM_ERR_METHOD_NOT_FOUND",
-                                       "CIM_ERR_UNEXPECTED_RESPONSE",
-                                       "CIM_ERR_INVALID_RESPONSE_DESTINATION",
-                                       "CIM_ERR_NAMESPACE_NOT_EMPTY"};
-  return code >= 1 && code <= 20 ? kNames[code - 1] : "CIM error";
+  const char* name = oxcimtool::CimStatusName(code);
+  return *name ? name : "CIM error";
 }
 
 // A failed operation: the code and its description.

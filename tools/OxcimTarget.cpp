@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "CimStatusNames.h"
 #include "OxcimModel.h"
 
 namespace oxcli {
@@ -163,7 +164,7 @@ std::string WithoutName(const std::string& description, const char* name) {
 }
 
 std::string CimText(long code, const std::string& description) {
-  const char* name = CimStatusName(code);
+  const char* name = oxcimtool::CimStatusName(code);
   std::string out = *name ? std::string(name) + " (" + std::to_string(code) + ")"
                           : "CIM status " + std::to_string(code);
   const std::string rest = WithoutName(description, name);
@@ -182,39 +183,6 @@ void ClearReasons() {
   std::lock_guard<std::mutex> guard(g_Lock);
   g_Reasons.clear();
   g_FailedAnswer.clear();
-}
-
-const char* CimStatusName(long code) {
-  static const char* const names[] = {"",
-                                      "CIM_ERR_FAILED",
-                                      "CIM_ERR_ACCESS_DENIED",
-                                      "CIM_ERR_INVALID_NAMESPACE",
-                                      "CIM_ERR_INVALID_PARAMETER",
-                                      "CIM_ERR_INVALID_CLASS",
-                                      "CIM_ERR_NOT_FOUND",
-                                      "CIM_ERR_NOT_SUPPORTED",
-                                      "CIM_ERR_CLASS_HAS_CHILDREN",
-                                      "CIM_ERR_CLASS_HAS_INSTANCES",
-                                      "CIM_ERR_INVALID_SUPERCLASS",
-                                      "CIM_ERR_ALREADY_EXISTS",
-                                      "CIM_ERR_NO_SUCH_PROPERTY",
-                                      "CIM_ERR_TYPE_MISMATCH",
-                                      "CIM_ERR_QUERY_LANGUAGE_NOT_SUPPORTED",
-                                      "CIM_ERR_INVALID_QUERY",
-                                      "CIM_ERR_METHOD_NOT_AVAILABLE",
-                                      "CIM_ERR_METHOD_NOT_FOUND",
-                                      "",
-                                      "",
-                                      "CIM_ERR_NAMESPACE_NOT_EMPTY",
-                                      "CIM_ERR_INVALID_ENUMERATION_CONTEXT",
-                                      "CIM_ERR_INVALID_OPERATION_TIMEOUT",
-                                      "CIM_ERR_PULL_HAS_BEEN_ABANDONED",
-                                      "CIM_ERR_PULL_CANNOT_BE_ABANDONED",
-                                      "CIM_ERR_FILTERED_ENUMERATION_NOT_SUPPORTED",
-                                      "CIM_ERR_CONTINUATION_ON_ERROR_NOT_SUPPORTED",
-                                      "CIM_ERR_SERVER_LIMITS_EXCEEDED",
-                                      "CIM_ERR_SERVER_IS_SHUTTING_DOWN"};
-  return code > 0 && code < static_cast<long>(sizeof names / sizeof names[0]) ? names[code] : "";
 }
 
 std::string FailureText(const oxCIM::CIMcontainer& c) {

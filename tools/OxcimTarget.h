@@ -26,7 +26,4 @@ void ClearReasons();
 // the CIM status in words and number, or what went wrong with the transport.
 std::string FailureText(const oxCIM::CIMcontainer& c);
 
-// DSP0200 name of a CIM status code ("CIM_ERR_NOT_FOUND"), or "" when there is none.
-const char* CimStatusName(long code);
-
 }  // namespace oxcli
