@@ -249,27 +249,6 @@ void CIMconnection::Debug_Request_Response() {
   }
 }
 
-const char* CurrentExceptionText() noexcept {
-  try {
-    throw;
-  } catch (const std::exception& e) {
-    return e.what();
-  } catch (const char* text) {
-    return text;
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
-void TraceException(const char* function, const char* file, int line) noexcept {
-  if (!oxCIM.IsTraced(TRACE_ERROR)) return;
-  try {
-    Brix::Internals::CTraceStreamBuffer tb(TRACE_ERROR, oxCIM, file, function, line);
-    trace_detail::OxFormat(tb, "%s: Exception raised: %s", function, CurrentExceptionText());
-  } catch (...) {
-  }
-}
-
 void RecordException(CIMconnection& c, const char* function) noexcept {
   try {
     const std::string text = std::string(function) + ": Exception raised: " +

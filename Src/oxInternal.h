@@ -3,6 +3,7 @@
 
 #include <oxCIM.h>
 
+#include <exception>
 #include <string>
 #include <type_traits>
 
@@ -52,13 +53,6 @@ enum TypeId : int {
 inline bool IsKind(const CIMelement* e, int id) {
   return e != nullptr && e->m_Name == known_cim_elements[id];
 }
-
-// Called from a catch handler: the text of the exception in flight.
-const char* CurrentExceptionText() noexcept;
-// Called from a catch handler: traces "<function>: Exception raised: <what>" at the level
-// of the object model and the codec.
-void TraceException(const char* function, const char* file, int line) noexcept;
-#define OX_TRACE_EXCEPTION() ::oxCIM::TraceException(__func__, __FILE__, __LINE__)
 
 // Called from a catch handler: records the exception in flight as status 1001, traced as
 // "<function>: Exception raised: <what>". Nothing escapes, not even from an allocation.
@@ -173,3 +167,33 @@ void OxFormat(Brix::Internals::CTraceStreamBuffer& tb, const char* format, const
 }
 }  // namespace trace_detail
 }  // namespace oxCIM
+
+namespace oxCIM {
+
+// Called from a catch handler: the text of the exception in flight.
+inline const char* CurrentExceptionText() noexcept {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (const char* text) {
+    return text;
+  } catch (...) {
+    return "unknown exception";
+  }
+}
+
+// Called from a catch handler: traces "<function>: Exception raised: <what>" at the level
+// of the object model and the codec. Inline, so the codec needs nothing hidden elsewhere.
+inline void TraceException(const char* function, const char* file, int line) noexcept {
+  if (!oxCIM.IsTraced(TRACE_ERROR)) return;
+  try {
+    Brix::Internals::CTraceStreamBuffer tb(TRACE_ERROR, oxCIM, file, function, line);
+    trace_detail::OxFormat(tb, "%s: Exception raised: %s", function, CurrentExceptionText());
+  } catch (...) {
+  }
+}
+
+}  // namespace oxCIM
+
+#define OX_TRACE_EXCEPTION() ::oxCIM::TraceException(__func__, __FILE__, __LINE__)
