@@ -620,12 +620,21 @@ TEST(ToolIndications, SubscribeUntilInterruptedThenUnsubscribe) {
       "CreateInstance", "<IRETURNVALUE><INSTANCENAME CLASSNAME=\"CIM_Made\"><KEYBINDING NAME=\"Name\">"
                         "<KEYVALUE VALUETYPE=\"string\">m1</KEYVALUE></KEYBINDING></INSTANCENAME>"
                         "</IRETURNVALUE>")));
-  const int port = oxtest::FreePort();
-  Child c = Spawn(At(srv, {"subscribe", "SELECT * FROM CIM_AlertIndication", "--listen-port",
-                           std::to_string(port), "--format", "json"}),
-                  kPw);
+  // A port found free can be taken by a parallel test before the child binds it: try again.
+  int port = 0;
+  Child c;
   std::string err, out;
-  ASSERT_TRUE(ReadUntil(c.err, err, [&] { return Has(err, "subscribed"); })) << err;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    port = oxtest::FreePort();
+    srv.clearRequests();
+    err.clear();
+    c = Spawn(At(srv, {"subscribe", "SELECT * FROM CIM_AlertIndication", "--listen-port",
+                       std::to_string(port), "--format", "json"}),
+              kPw);
+    if (ReadUntil(c.err, err, [&] { return Has(err, "subscribed"); })) break;
+    Interrupt(c);
+  }
+  ASSERT_TRUE(Has(err, "subscribed")) << err;
   const auto made = srv.requests();
   ASSERT_EQ(made.size(), 3u);
   std::string created;
