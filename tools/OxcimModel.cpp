@@ -1,5 +1,7 @@
 #include "OxcimModel.h"
 
+#include "SimModel.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -11,17 +13,9 @@ using oxCIM::CIMelement;
 
 namespace oxcli {
 
-int ElementId(const char* name) {
-  for (int i = 0; i < 71; ++i)
-    if (std::strcmp(oxCIM::known_cim_elements[i], name) == 0) return i;
-  return 70;
-}
+int ElementId(const char* name) { return oxsim::ElemId(name); }
 
-int AttributeId(const char* name) {
-  for (int i = 0; i < 34; ++i)
-    if (std::strcmp(oxCIM::known_cim_attributes[i], name) == 0) return i;
-  return 33;
-}
+int AttributeId(const char* name) { return oxsim::AttrId(name); }
 
 bool Is(const CIMelement* e, const char* kind) {
   return e != nullptr && e->m_Name != nullptr && std::strcmp(e->m_Name, kind) == 0;
