@@ -4,8 +4,6 @@
 #include <oxCIM.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 

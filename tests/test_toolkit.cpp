@@ -8,15 +8,10 @@
 #include "TestSupport.h"
 
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 using Brix::Internals::CTraceStreamBuffer;
 using Brix::Internals::TraceRecord;
@@ -63,9 +58,6 @@ TEST(FormatStream, ConversionsMatchPrintf) {
   for (const char* f : {"%u", "%x", "%X", "%08x", "%#x"})
     for (int v : {0, 255, -1, -42})
       EXPECT_EQ(Format(f, FormatInt(v)), Printf(f, static_cast<unsigned>(v))) << f << v;
-  EXPECT_EQ(Format("%u", FormatInt(-1)), "4294967295");
-  EXPECT_EQ(Format("%x", FormatInt(-2)), "fffffffe");
-  EXPECT_EQ(Format("%lu", FormatInt(-1)), "18446744073709551615");
   // Every length modifier that means 64 bits: j, z and q too.
   for (const char* f : {"%ld", "%lu", "%lx", "%12ld", "%lld", "%jd", "%ju", "%zd", "%zx", "%qd", "%qu"})
     for (long v : {0L, 5000000000L, -5000000000L, LONG_MIN, LONG_MAX})
