@@ -217,9 +217,7 @@ TEST(CimXmlParse, AnswersAreReadWhileTheyArrive) {
   const oxCIM::ParseRouteCounts after = oxCIM::ParseRoutes();
   EXPECT_EQ(after.incremental - before.incremental, 1u);
   EXPECT_EQ(after.streamed + after.exact, before.streamed + before.exact);
-  CIMelement whole;
-  ASSERT_EQ(whole.ParseCIMXML(c.m_Response), 0);
-  EXPECT_EQ(Dump(c.m_ResponseTree), Dump(whole));
+  EXPECT_EQ(Dump(c.m_ResponseTree), Parsed(c.m_Response));
 }
 
 // --- generator ---------------------------------------------------------------------------
