@@ -4,8 +4,6 @@
 #include <oxCIM.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 
@@ -31,10 +29,7 @@ TEST(ResponseTree, FirstErrorInListOrderCountsWhicheverEngineParsed) {
   oxCIM::CIMconnection conn;
   oxtest::PointAt(conn, server.port());
   conn.m_Request = "<?xml version=\"1.0\"?><CIM/>";
-  const struct {
-    std::string body;
-    int rc;
-  } cases[] = {
+  const std::pair<std::string, int> cases[] = {
       {Document(Instances(300) + "<ERROR CODE=\"6\" DESCRIPTION=\"gone\"/>"), 6},
       {Document("<IRETURNVALUE><ERROR CODE=\"12\"/></IRETURNVALUE><ERROR CODE=\"5\"/>"), 12},
       {Document("<!-- exact route --><ERROR CODE=\"8\"/><ERROR CODE=\"5\"/>"), 8},
@@ -44,16 +39,15 @@ TEST(ResponseTree, FirstErrorInListOrderCountsWhicheverEngineParsed) {
       // Unparsable after the ERROR: the parse failure comes first, the ERROR is traced.
       {Document("<ERROR CODE=\"6\" DESCRIPTION=\"d\"/><VALUE>"), 5002},
   };
-  for (const auto& c : cases) {
-    server.push(oxtest::CannedResponse::cimOk(c.body));
-    char object[] = "root/cimv2";
-    EXPECT_EQ(conn.sendRequest_recvResponse("EnumerateInstances", object), c.rc) << c.body;
+  char object[] = "root/cimv2";
+  for (const auto& [body, rc] : cases) {
+    server.push(oxtest::CannedResponse::cimOk(body));
+    EXPECT_EQ(conn.sendRequest_recvResponse("EnumerateInstances", object), rc) << body;
   }
   EXPECT_EQ(trace.statusCodes().back(), "6 d");
 
   // An early return leaves no tree behind either.
   conn.m_Passwd.clear();
-  char object[] = "root/cimv2";
   EXPECT_EQ(conn.sendRequest_recvResponse("EnumerateInstances", object), 5000);
   EXPECT_EQ(conn.m_ResponseTree.m_Name, nullptr);
   EXPECT_EQ(conn.m_ResponseTree.m_Next, nullptr);

@@ -8,16 +8,10 @@
 #include "TestSupport.h"
 
 #include <atomic>
-#include <chrono>
-#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
+#include <regex>
 
 using Brix::Internals::CTraceStreamBuffer;
 using Brix::Internals::TraceRecord;
@@ -64,10 +58,8 @@ TEST(FormatStream, ConversionsMatchPrintf) {
   for (const char* f : {"%u", "%x", "%X", "%08x", "%#x"})
     for (int v : {0, 255, -1, -42})
       EXPECT_EQ(Format(f, FormatInt(v)), Printf(f, static_cast<unsigned>(v))) << f << v;
-  EXPECT_EQ(Format("%u", FormatInt(-1)), "4294967295");
-  EXPECT_EQ(Format("%x", FormatInt(-2)), "fffffffe");
-  EXPECT_EQ(Format("%lu", FormatInt(-1)), "18446744073709551615");
-  for (const char* f : {"%ld", "%lu", "%lx", "%12ld", "%lld"})
+  // Every length modifier that means 64 bits: j, z and q too.
+  for (const char* f : {"%ld", "%lu", "%lx", "%12ld", "%lld", "%jd", "%ju", "%zd", "%zx", "%qd", "%qu"})
     for (long v : {0L, 5000000000L, -5000000000L, LONG_MIN, LONG_MAX})
       EXPECT_EQ(Format(f, FormatInt(v)), Printf(f, v)) << f << v;
   for (const char* f : {"%g", "%.3g", "%10g", "%-10g|", "%e", "%.2f"})
@@ -91,7 +83,7 @@ TEST(FormatStream, LiteralsArgumentsAndLeftovers) {
   EXPECT_EQ(Format("<%s>", withNul), std::string("<a\0b>", 5));
 }
 
-TEST(Tracing, OneRecordPerTraceWithItsOrigin) {
+TEST(Tracing, OneRecordPerEnabledTraceWithItsOrigin) {
   Sink sink(0);
   {
     CTraceStreamBuffer buffer(16, testModule, "src/x.cpp", "Work", 99);
@@ -99,37 +91,20 @@ TEST(Tracing, OneRecordPerTraceWithItsOrigin) {
     fs << FormatInt(2);
     EXPECT_TRUE(sink.records().empty());  // emitted when the buffer is done
   }
-  ASSERT_EQ(sink.records().size(), 1u);
-  const TraceRecord r = sink.records()[0];
-  EXPECT_EQ(r.level, 16u);
-  EXPECT_EQ(r.module, "unit");
-  EXPECT_EQ(r.file, "src/x.cpp");
-  EXPECT_EQ(r.function, "Work");
-  EXPECT_EQ(r.line, 99);
-  EXPECT_EQ(r.text, "step 2");
-
-  oxCIM::oxCIM.SetTraceMask(oxCIM::TRACE_ERROR);
-  FailPutargv();
-  ASSERT_EQ(sink.records().size(), 2u);
-  const TraceRecord lib = sink.records()[1];
-  EXPECT_EQ(lib.level, oxCIM::TRACE_ERROR);
-  EXPECT_EQ(lib.module, "oxCIM");
-  EXPECT_NE(lib.file.find("CIMclasses.cpp"), std::string::npos);
-  EXPECT_EQ(lib.function, "putargv");
-  EXPECT_GT(lib.line, 0);
-  EXPECT_EQ(lib.text, "putargv: Exception raised: NULL pointer!!");
-}
-
-TEST(Tracing, DisabledLevelsProduceNothing) {
-  Sink sink(0);
-  oxCIM::oxCIM.SetTraceMask(0);
-  FailPutargv();
-  oxCIM::oxCIM.SetTraceMask(oxCIM::TRACE_ENTRY | oxCIM::TRACE_STATUS | oxCIM::TRACE_DETAIL);
-  FailPutargv();
-  EXPECT_TRUE(sink.records().empty());
-  oxCIM::oxCIM.SetTraceMask(~0UL);
-  FailPutargv();
-  EXPECT_EQ(sink.records().size(), 1u);
+  for (unsigned long mask : {0UL, oxCIM::TRACE_ENTRY | oxCIM::TRACE_STATUS | oxCIM::TRACE_DETAIL, oxCIM::TRACE_ERROR}) {
+    oxCIM::oxCIM.SetTraceMask(mask);
+    FailPutargv();  // traced with the last mask only
+  }
+  const auto recs = sink.records();
+  ASSERT_EQ(recs.size(), 2u);
+  auto origin = [](const TraceRecord& r) {
+    return std::to_string(r.level) + " " + r.module + " " + r.file.substr(r.file.rfind('/') + 1) + " " +
+           r.function + " " + r.text;
+  };
+  EXPECT_EQ(origin(recs[0]), "16 unit x.cpp Work step 2");
+  EXPECT_EQ(recs[0].file + std::to_string(recs[0].line), "src/x.cpp99");
+  EXPECT_EQ(origin(recs[1]), "1073741824 oxCIM CIMclasses.cpp putargv putargv: Exception raised: NULL pointer!!");
+  EXPECT_GT(recs[1].line, 0);
 }
 
 TEST(Tracing, DefaultSinkAppendsLinesToTraceFile) {
@@ -151,28 +126,14 @@ TEST(Tracing, DefaultSinkAppendsLinesToTraceFile) {
   if (old) setenv("OXCIM_TRACE_FILE", saved.c_str(), 1);
   else unsetenv("OXCIM_TRACE_FILE");
 
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
   std::remove(path);
-  ASSERT_EQ(lines.size(), 2u);
-  // "2026-11-22T10:00:00.123Z [0x4] oxCIM file.cpp:LINE func: text"
-  auto layout = [](const std::string& line) {
-    const char mask[] = "dddd-dd-ddTdd:dd:dd.dddZ ";
-    for (size_t i = 0; i + 1 < sizeof mask; ++i)
-      if (i >= line.size() || (mask[i] == 'd' ? !isdigit(line[i]) : line[i] != mask[i]))
-        return std::string("bad stamp: ") + line;
-    std::string rest;  // digit runs of the remainder collapsed to '#'
-    for (size_t i = sizeof mask - 1; i < line.size(); ++i)
-      if (!isdigit(line[i])) rest += line[i];
-      else if (rest.empty() || rest.back() != '#') rest += '#';
-    return rest;
-  };
-  EXPECT_EQ(layout(lines[0]),
-            "[#x#] oxCIM CIMclasses.cpp:# putargv: putargv: Exception raised: NULL pointer!!");
-  EXPECT_EQ(lines[0].substr(25, 13), "[0x40000000] ");
-  EXPECT_EQ(layout(lines[1]), "[#x#] oxCIM CIMconnection.cpp:# SetCimStatus_FL: ");
-  EXPECT_EQ(lines[1].substr(24), " [0x4] oxCIM CIMconnection.cpp:312 SetCimStatus_FL: ");
+  const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )";
+  EXPECT_TRUE(std::regex_match(
+      text.str(), std::regex(stamp + R"(\[0x40000000\] oxCIM CIMclasses\.cpp:\d+ putargv: putargv: Exception )"
+                             R"(raised: NULL pointer!!\n)" + stamp + R"(\[0x4\] oxCIM CIMconnection\.cpp:312 SetCimStatus_FL: \n)")))
+      << text.str();
 }
 
 TEST(Locks, CriticalSectionIsRecursiveAndExclusive) {
@@ -203,17 +164,14 @@ TEST(FileDescriptorSet, AddContainsAndSelect) {
   EXPECT_TRUE(set.Add(p[0]));
   EXPECT_TRUE(set.Contains(p[0]));
   EXPECT_FALSE(set.Contains(p[1]));
-  EXPECT_FALSE(set.Add(FD_SETSIZE));
-  EXPECT_FALSE(set.Add(-1));
-  EXPECT_FALSE(set.Contains(FD_SETSIZE));
-  EXPECT_FALSE(set.Contains(-1));
-
+  for (int outside : {-1, FD_SETSIZE}) EXPECT_FALSE(set.Add(outside) || set.Contains(outside)) << outside;
   ASSERT_EQ(write(p[1], "x", 1), 1);
   timeval tv{1, 0};
   EXPECT_EQ(select(p[0] + 1, set.Get(), nullptr, nullptr, &tv), 1);
   EXPECT_TRUE(set.Contains(p[0]));
   set.Clear();
   EXPECT_FALSE(set.Contains(p[0]));
+  EXPECT_TRUE(set.Add(0) && set.Contains(0));  // descriptor 0 is an ordinary member
   close(p[0]);
   close(p[1]);
 }
