@@ -104,9 +104,10 @@ TEST(CimStatus, DumpLayoutAndSilenceWhenLevelIsOff) {
   EXPECT_TRUE(t.texts().empty());
 }
 
-TEST(CurlHandle, AddressChecksComeFirstLocalBeforeServer) {
+TEST(CurlHandle, AddressChecksFirstThenCreatedOnceAndKeptWhileHeaderListIsDropped) {
   Traces t(kAll);
   CIMconnection c;
+  c.m_Host = "srv";
   c.m_HeaderList = curl_slist_append(nullptr, "X-Old: 1");
   EXPECT_EQ(c.initCurlHandle(), 5004);
   c.m_LocalIP = "10.0.0.1";
@@ -117,25 +118,14 @@ TEST(CurlHandle, AddressChecksComeFirstLocalBeforeServer) {
   ASSERT_EQ(st.size(), 2u);
   EXPECT_NE(st[0].find("ErrCode:5004 initCurlHandle: bad local-IP-Address"), std::string::npos);
   EXPECT_NE(st[1].find("ErrCode:5003 initCurlHandle: bad server-IP-Address"), std::string::npos);
-
+  t.clear();
   c.m_ServerIP = "10.0.0.2";
-  EXPECT_EQ(c.initCurlHandle(), 0);
-  EXPECT_NE(c.m_Curl, nullptr);
-  EXPECT_EQ(c.m_HeaderList, nullptr);
-}
-
-TEST(CurlHandle, CreatedOnceThenKeptWhileHeaderListIsDropped) {
-  Traces t(16);
-  CIMconnection c;
-  c.m_Host = "srv";
-  c.m_NoIPCheck = true;
-  c.m_ErrCode = 99;
   EXPECT_EQ(c.initCurlHandle(), 0);
   void* first = c.m_Curl;
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(t.texts("initCurlHandle"),
-            (std::vector<std::string>{"[srv]       initCurlHandle: CURL_EASY_INIT done",
-                                      "[srv]       initCurlHandle: SSL=0x0"}));
+  EXPECT_EQ(c.m_HeaderList, nullptr);
+  EXPECT_EQ(t.texts("initCurlHandle"), (std::vector<std::string>{"[srv]       initCurlHandle: CURL_EASY_INIT done",
+                                                                 "[srv]       initCurlHandle: SSL=0x0"}));
   t.clear();
   c.m_HeaderList = curl_slist_append(nullptr, "CIMMethod: GetClass");
   c.m_ErrCode = 5001;
