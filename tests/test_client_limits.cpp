@@ -47,8 +47,7 @@ std::string errorAnswer(const std::string& code, const std::string& padding = ""
   return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
          "<MESSAGE ID=\"1001\" PROTOCOLVERSION=\"1.0\"><SIMPLERSP>"
          "<IMETHODRESPONSE NAME=\"GetInstance\"><ERROR CODE=\"" +
-         code + "\" DESCRIPTION=\"refused\"/>" + padding +
-         "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
+         code + "\" DESCRIPTION=\"refused\"/>" + padding + "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
 }
 
 int exchange(oxCIM::CIMconnection& c) {
@@ -87,8 +86,8 @@ class EndlessServer {
     if (c < 0) return;
     char buf[4096];
     recv(c, buf, sizeof buf, 0);
-    oxtest::SendAll(c, "HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\nTransfer-Encoding: chunked\r\n\r\n"
-                       "5\r\n<CIM>\r\n");
+    oxtest::SendAll(c, "HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\n"
+                       "Transfer-Encoding: chunked\r\n\r\n5\r\n<CIM>\r\n");
     const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (sent < (1ULL << 30) && std::chrono::steady_clock::now() < end && !clientLeft) {
@@ -115,7 +114,8 @@ TEST(ResponseLimit, EndlessBodyIsCutAtTheLimitAndNotParsed) {
   EXPECT_LT(server.sent, 64u << 20) << "the client kept reading past its limit";
   const auto codes = trace.statusCodes();
   ASSERT_FALSE(codes.empty());
-  EXPECT_EQ(codes[0].rfind("5006 sendRequest_recvResponse: response body larger than 4194304", 0), 0u) << codes[0];
+  EXPECT_EQ(codes[0].rfind("5006 sendRequest_recvResponse: response body larger than 4194304", 0), 0u)
+      << codes[0];
 }
 
 // The limit's boundary, no limit at all, and the dump that shows only a large body's head.
@@ -133,7 +133,8 @@ TEST(ResponseLimit, BoundaryNoLimitAndTheDumpOfALargeBody) {
     const auto dumps = trace.texts("Debug_Request_Response");
     ASSERT_EQ(dumps.size(), 1u);
     const std::string& d = dumps[0];
-    const std::string tail = "\n[... " + std::to_string(body.size() - oxCIM::kDumpLimitBytes) + " more bytes not shown]\n";
+    const std::string tail =
+        "\n[... " + std::to_string(body.size() - oxCIM::kDumpLimitBytes) + " more bytes not shown]\n";
     ASSERT_GE(d.size(), tail.size());
     EXPECT_EQ(d.substr(d.size() - tail.size()), tail);
     const size_t at = d.find("------ RESPONSE:\n");
@@ -149,18 +150,22 @@ TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
     const char* errorCode;     // nullptr: no ERROR element
     const char* statusHeader;  // nullptr: no CIMStatusCode header
     int expected;
-  } cases[] = {{"2147473647", nullptr, 2147473647}, {"2147473648", nullptr, 1001}, {"4294967296", nullptr, 1001},
-               {"4294967302", nullptr, 1001}, {"99999999999999999999999", nullptr, 1001}, {"-4294967290", nullptr, 1001},
-               {nullptr, "2147473647", 2147483647}, {nullptr, "2147483647", 1001}, {nullptr, "4294967296", 1001},
-               {nullptr, "4294967300", 1001}, {nullptr, "-10000", 1001}};
+  } cases[] = {{"2147473647", nullptr, 2147473647},  {"2147473648", nullptr, 1001},
+               {"4294967296", nullptr, 1001},        {"4294967302", nullptr, 1001},
+               {"99999999999999999999999", nullptr, 1001}, {"-4294967290", nullptr, 1001},
+               {nullptr, "2147473647", 2147483647},  {nullptr, "2147483647", 1001},
+               {nullptr, "4294967296", 1001},        {nullptr, "4294967300", 1001},
+               {nullptr, "-10000", 1001}};
   ScriptedServer server;
   for (const auto& k : cases) {
-    CannedResponse r = CannedResponse::cimOk(k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
+    CannedResponse r =
+        CannedResponse::cimOk(k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
     if (k.statusHeader) r.headers.emplace_back("CIMStatusCode", k.statusHeader);
     server.push(r);
     oxCIM::CIMconnection c;
     oxtest::PointAt(c, server.port());
-    EXPECT_EQ(exchange(c), k.expected) << (k.errorCode ? k.errorCode : "") << (k.statusHeader ? k.statusHeader : "");
+    EXPECT_EQ(exchange(c), k.expected)
+        << (k.errorCode ? k.errorCode : "") << (k.statusHeader ? k.statusHeader : "");
   }
 }
 
