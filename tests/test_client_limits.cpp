@@ -47,8 +47,7 @@ std::string errorAnswer(const std::string& code, const std::string& padding = ""
   return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">"
          "<MESSAGE ID=\"1001\" PROTOCOLVERSION=\"1.0\"><SIMPLERSP>"
          "<IMETHODRESPONSE NAME=\"GetInstance\"><ERROR CODE=\"" +
-         code + "\" DESCRIPTION=\"refused\"/>" + padding +
-         "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
+         code + "\" DESCRIPTION=\"refused\"/>" + padding + "</IMETHODRESPONSE></SIMPLERSP></MESSAGE></CIM>\n";
 }
 
 int exchange(oxCIM::CIMconnection& c) {
@@ -57,16 +56,11 @@ int exchange(oxCIM::CIMconnection& c) {
   return c.sendRequest_recvResponse("GetInstance", object);
 }
 
-bool treeIsEmpty(const oxCIM::CIMelement& root) {
-  return root.m_Name == nullptr && root.m_Next == nullptr;
-}
-
-// Answers every connection with a chunked body that never ends, until the client goes
-// away or the bounds (bytes, seconds) are reached.
+// Answers one connection with a chunked body that never ends, until the client goes away
+// or the bounds (1 GiB, 20 s) are reached.
 class EndlessServer {
  public:
-  EndlessServer() {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+  EndlessServer() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -74,7 +68,7 @@ class EndlessServer {
     bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
     listen(fd_, 4);
     getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-    port_ = ntohs(a.sin_port);
+    port = ntohs(a.sin_port);
     thread_ = std::thread([this] { serve(); });
   }
   ~EndlessServer() {
@@ -82,9 +76,9 @@ class EndlessServer {
     thread_.join();
     close(fd_);
   }
-  int port() const { return port_; }
-  uint64_t sent() const { return sent_; }
-  bool clientLeft() const { return clientLeft_; }
+  int port = 0;
+  std::atomic<uint64_t> sent{0};
+  std::atomic<bool> clientLeft{false};
 
  private:
   void serve() {
@@ -92,112 +86,80 @@ class EndlessServer {
     if (c < 0) return;
     char buf[4096];
     recv(c, buf, sizeof buf, 0);
-    std::string head =
-        "HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\nTransfer-Encoding: chunked\r\n\r\n"
-        "5\r\n<CIM>\r\n";
-    send(c, head.data(), head.size(), MSG_NOSIGNAL);
+    oxtest::SendAll(c, "HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\n"
+                       "Transfer-Encoding: chunked\r\n\r\n5\r\n<CIM>\r\n");
     const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (sent_ < (1ULL << 30) && std::chrono::steady_clock::now() < end) {
-      if (send(c, chunk.data(), chunk.size(), MSG_NOSIGNAL) <= 0) {
-        clientLeft_ = true;
-        break;
-      }
-      sent_ += 0x10000;
+    while (sent < (1ULL << 30) && std::chrono::steady_clock::now() < end && !clientLeft) {
+      clientLeft = send(c, chunk.data(), chunk.size(), MSG_NOSIGNAL) <= 0;
+      sent += 0x10000;
     }
     close(c);
   }
-  int fd_ = -1;
-  int port_ = 0;
+  const int fd_;
   std::thread thread_;
-  std::atomic<uint64_t> sent_{0};
-  std::atomic<bool> clientLeft_{false};
 };
 
 TEST(ResponseLimit, EndlessBodyIsCutAtTheLimitAndNotParsed) {
   EndlessServer server;
   oxCIM::CIMconnection c;
-  oxtest::PointAt(c, server.port());
+  oxtest::PointAt(c, server.port);
   EXPECT_EQ(c.m_MaxResponseBytes, oxCIM::kDefaultMaxResponseBytes);
   c.m_MaxResponseBytes = 4 << 20;
   oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
-
   EXPECT_EQ(exchange(c), oxCIM::ERR_ResponseTooLarge);
   EXPECT_TRUE(c.m_Response.empty());
-  EXPECT_TRUE(treeIsEmpty(c.m_ResponseTree));
-  ASSERT_TRUE(oxtest::Eventually([&] { return server.clientLeft(); }));
-  EXPECT_LT(server.sent(), 64u << 20) << "the client kept reading past its limit";
+  EXPECT_TRUE(c.m_ResponseTree.m_Name == nullptr && c.m_ResponseTree.m_Next == nullptr);
+  ASSERT_TRUE(oxtest::Eventually([&] { return server.clientLeft.load(); }));
+  EXPECT_LT(server.sent, 64u << 20) << "the client kept reading past its limit";
   const auto codes = trace.statusCodes();
   ASSERT_FALSE(codes.empty());
-  EXPECT_EQ(codes[0].rfind("5006 sendRequest_recvResponse: response body larger than 4194304", 0),
-            0u)
+  EXPECT_EQ(codes[0].rfind("5006 sendRequest_recvResponse: response body larger than 4194304", 0), 0u)
       << codes[0];
 }
 
-TEST(ResponseLimit, BoundaryAndNoLimit) {
-  ScriptedServer server;
-  const std::string body = errorAnswer("6", "<!--" + std::string(1 << 20, 'p') + "-->");
-  server.setDefault(CannedResponse::cimOk(body));
-  struct Case {
-    uint64_t limit;
-    int expected;
-  } cases[] = {{body.size(), 6}, {body.size() - 1, oxCIM::ERR_ResponseTooLarge}, {0, 6}};
-  for (const Case& k : cases) {
-    oxCIM::CIMconnection c;
-    oxtest::PointAt(c, server.port());
-    c.m_MaxResponseBytes = k.limit;
-    EXPECT_EQ(exchange(c), k.expected) << "limit " << k.limit;
-  }
-}
-
-TEST(ResponseLimit, DumpShowsOnlyTheHeadOfALargeBody) {
+// The limit's boundary, no limit at all, and the dump that shows only a large body's head.
+TEST(ResponseLimit, BoundaryNoLimitAndTheDumpOfALargeBody) {
   ScriptedServer server;
   const std::string body = errorAnswer("6", "<!--" + std::string(300000, 'p') + "-->");
-  server.push(CannedResponse::cimOk(body));
-  oxCIM::CIMconnection c;
-  oxtest::PointAt(c, server.port());
-  oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
-  EXPECT_EQ(exchange(c), 6);
-
-  const auto dumps = trace.texts("Debug_Request_Response");
-  ASSERT_EQ(dumps.size(), 1u);
-  const std::string& d = dumps[0];
-  const std::string tail = "\n[... " + std::to_string(body.size() - oxCIM::kDumpLimitBytes) +
-                           " more bytes not shown]\n";
-  ASSERT_GE(d.size(), tail.size());
-  EXPECT_EQ(d.substr(d.size() - tail.size()), tail);
-  const size_t at = d.find("------ RESPONSE:\n");
-  ASSERT_NE(at, std::string::npos);
-  EXPECT_EQ(d.substr(at + 17, oxCIM::kDumpLimitBytes), body.substr(0, oxCIM::kDumpLimitBytes));
-  EXPECT_LT(d.size(), oxCIM::kDumpLimitBytes + 4096);
+  server.setDefault(CannedResponse::cimOk(body));
+  for (uint64_t limit : {body.size(), body.size() - 1, uint64_t{0}}) {
+    oxCIM::CIMconnection c;
+    oxtest::PointAt(c, server.port());
+    c.m_MaxResponseBytes = limit;
+    oxtest::TraceCapture trace(oxCIM::TRACE_STATUS);
+    EXPECT_EQ(exchange(c), limit == body.size() - 1 ? oxCIM::ERR_ResponseTooLarge : 6) << "limit " << limit;
+    if (limit != 0) continue;
+    const auto dumps = trace.texts("Debug_Request_Response");
+    ASSERT_EQ(dumps.size(), 1u);
+    const std::string& d = dumps[0];
+    const std::string tail =
+        "\n[... " + std::to_string(body.size() - oxCIM::kDumpLimitBytes) + " more bytes not shown]\n";
+    ASSERT_GE(d.size(), tail.size());
+    EXPECT_EQ(d.substr(d.size() - tail.size()), tail);
+    const size_t at = d.find("------ RESPONSE:\n");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(d.substr(at + 17, oxCIM::kDumpLimitBytes), body.substr(0, oxCIM::kDumpLimitBytes));
+    EXPECT_LT(d.size(), oxCIM::kDumpLimitBytes + 4096);
+  }
 }
 
 // A status number that does not fit must be an error, never success, never overflow.
 TEST(PeerNumbers, ErrorCodesAndStatusHeaders) {
-  struct Case {
-    const char* errorCode;   // nullptr: no ERROR element
+  const struct {
+    const char* errorCode;     // nullptr: no ERROR element
     const char* statusHeader;  // nullptr: no CIMStatusCode header
     int expected;
-  } cases[] = {
-      {"6", nullptr, 6},
-      {"2147473647", nullptr, 2147473647},
-      {"2147473648", nullptr, 1001},
-      {"4294967296", nullptr, 1001},
-      {"4294967302", nullptr, 1001},
-      {"99999999999999999999999", nullptr, 1001},
-      {"-4294967290", nullptr, 1001},
-      {nullptr, "4", 10004},
-      {nullptr, "2147473647", 2147483647},
-      {nullptr, "2147483647", 1001},
-      {nullptr, "4294967296", 1001},
-      {nullptr, "4294967300", 1001},
-      {nullptr, "-10000", 1001},
-      {nullptr, "0", 0},
-  };
+  } cases[] = {{"2147473647", nullptr, 2147473647},  {"2147473648", nullptr, 1001},
+               {"4294967296", nullptr, 1001},        {"4294967302", nullptr, 1001},
+               {"99999999999999999999999", nullptr, 1001}, {"-4294967290", nullptr, 1001},
+               {nullptr, "2147473647", 2147483647},  {nullptr, "2147483647", 1001},
+               {nullptr, "4294967296", 1001},        {nullptr, "4294967300", 1001},
+               {nullptr, "-10000", 1001}};
   ScriptedServer server;
-  for (const Case& k : cases) {
-    CannedResponse r = CannedResponse::cimOk(
-        k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
+  for (const auto& k : cases) {
+    CannedResponse r =
+        CannedResponse::cimOk(k.errorCode ? errorAnswer(k.errorCode) : oxtest::ReadFixture("op_void.xml"));
     if (k.statusHeader) r.headers.emplace_back("CIMStatusCode", k.statusHeader);
     server.push(r);
     oxCIM::CIMconnection c;

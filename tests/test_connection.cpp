@@ -23,10 +23,8 @@ constexpr unsigned long kAll = 2 | 4 | 16 | 0x40000000;
 // CIM > MESSAGE > VALUE "hello", built by hand.
 void BuildTree(CIMelement& root) {
   root.m_Name = oxCIM::known_cim_elements[1];
-  root.attr_put(5, "2.0");
   CIMelement* msg = root.makeNextElement();
   msg->m_Name = oxCIM::known_cim_elements[26];
-  msg->attr_put(12, "1001");
   CIMelement* val = root.makeNextElement();
   val->m_Name = oxCIM::known_cim_elements[60];
   val->m_Parent = msg;
@@ -39,64 +37,43 @@ std::vector<std::string> Headers(const curl_slist* l) {
   return out;
 }
 
-TEST(Connection, FreshStateAndLastExtraTimeOutWins) {
-  CIMconnection a, b;
-  EXPECT_EQ(a.m_MessageID, 1000);
-  EXPECT_EQ(a.m_ErrCode | int(a.m_Info) | a.m_ExtraTimeOut, 0);
-  EXPECT_EQ(a.m_Curl, nullptr);
-  ASSERT_TRUE(a.m_ErrCnt && a.m_SharedLock);
-  EXPECT_NE(a.m_ErrCnt.get(), b.m_ErrCnt.get());  // shared only through assignment
-  EXPECT_NE(a.m_SharedLock.get(), b.m_SharedLock.get());
-  a.SetExtraTimeOut(60);
-  a.SetExtraTimeOut(3);
-  EXPECT_EQ(a.m_ExtraTimeOut, 3);
-}
-
+// The first error wins; every call is traced with its own code and file name, libcurl's
+// text stands in for a missing description; one dump, and nothing when the level is off.
 TEST(CimStatus, FirstErrorWinsEachCallTracedWithItsOwnCodeAndOneDump) {
   Traces t(4);
   CIMconnection c;
   c.m_Host = "srv1";
-  EXPECT_EQ(c.SetCimStatus_FL(0, "nothing", "/b/Src/x.cpp", 5), 0);
-  EXPECT_EQ(c.SetCimStatus_FL(22, "first", "C:\\src\\oxcim\\CIMops.cpp", 10), 22);
-  EXPECT_EQ(c.SetCimStatus_FL(5002, "second", "/build/Src/CIMops.cpp", 20), 22);
-  EXPECT_EQ(c.SetCimStatus_FL(0, "zero", "a/b\\c/CIMops.cpp", 30), 22);
-  EXPECT_EQ(c.ChkCimStatus(), 22);
-  EXPECT_EQ(t.texts("SetCimStatus_FL"),
-            (std::vector<std::string>{"[srv1] SetCimStatus: x.cpp@5  ErrCode:0 nothing",
-                                      "[srv1] SetCimStatus: CIMops.cpp@10  ErrCode:22 first",
-                                      "[srv1] SetCimStatus: CIMops.cpp@20  ErrCode:5002 second",
-                                      "[srv1] SetCimStatus: CIMops.cpp@30  ErrCode:0 zero"}));
-  EXPECT_EQ(t.texts("Debug_Request_Response").size(), 1u);
-
-  // Null description: libcurl's own text, also for codes libcurl does not know.
-  t.clear();
-  c.SetCimStatus_FL(7, nullptr, "f.cpp", 3);
-  c.SetCimStatus_FL(12345, nullptr, "f.cpp", 4);
-  EXPECT_EQ(t.texts(), (std::vector<std::string>{
-                          std::string("[srv1] SetCimStatus: f.cpp@3  ErrCode:7 ") +
-                              curl_easy_strerror(CURLE_COULDNT_CONNECT),
-                          std::string("[srv1] SetCimStatus: f.cpp@4  ErrCode:12345 ") +
-                              curl_easy_strerror(CURLcode(12345))}));
-}
-
-TEST(CimStatus, DumpLayoutAndSilenceWhenLevelIsOff) {
-  Traces t(4);
-  CIMconnection c;
-  c.m_Host = "cimom";
   c.m_Request = "<CIM/>\n";
   c.m_Header = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
   c.m_Response = "oops";
-  c.SetCimStatus_FL(22, "x", "t.cpp", 1);
+  const struct {
+    int code;
+    const char* description;
+    const char* file;
+    int result;
+  } calls[] = {{0, "nothing", "/b/Src/x.cpp", 0}, {22, "first", "C:\\src\\oxcim\\CIMops.cpp", 22},
+               {5002, "second", "/build/Src/CIMops.cpp", 22}, {0, "zero", "a/b\\c/CIMops.cpp", 22},
+               {7, nullptr, "f.cpp", 22}, {12345, nullptr, "f.cpp", 22}};
+  for (const auto& k : calls) EXPECT_EQ(c.SetCimStatus_FL(k.code, k.description, k.file, 5), k.result);
+  EXPECT_EQ(c.ChkCimStatus(), 22);
+  EXPECT_EQ(t.texts("SetCimStatus_FL"),
+            (std::vector<std::string>{"[srv1] SetCimStatus: x.cpp@5  ErrCode:0 nothing",
+                                      "[srv1] SetCimStatus: CIMops.cpp@5  ErrCode:22 first",
+                                      "[srv1] SetCimStatus: CIMops.cpp@5  ErrCode:5002 second",
+                                      "[srv1] SetCimStatus: CIMops.cpp@5  ErrCode:0 zero",
+                                      std::string("[srv1] SetCimStatus: f.cpp@5  ErrCode:7 ") +
+                                          curl_easy_strerror(CURLE_COULDNT_CONNECT),
+                                      std::string("[srv1] SetCimStatus: f.cpp@5  ErrCode:12345 ") +
+                                          curl_easy_strerror(CURLcode(12345))}));
   c.m_Request.clear();
   c.m_Header.clear();
   c.m_Response.clear();
   c.Debug_Request_Response();
   EXPECT_EQ(t.texts("Debug_Request_Response"),
-            (std::vector<std::string>{
-                "[cimom] ------ REQUEST:\n<CIM/>\n------ RESPONSE-HEADER:\n"
-                "HTTP/1.1 500 Internal Server Error\r\n\r\n------ RESPONSE:\noops",
-                "[cimom] ------ REQUEST:\n------ RESPONSE-HEADER:\n------ RESPONSE:\n"}));
-
+            (std::vector<std::string>{"[srv1] ------ REQUEST:\n<CIM/>\n------ RESPONSE-HEADER:\n"
+                                      "HTTP/1.1 500 Internal Server Error\r\n\r\n------ RESPONSE:\noops",
+                                      "[srv1] ------ REQUEST:\n------ RESPONSE-HEADER:\n"
+                                      "------ RESPONSE:\n"}));
   oxCIM::oxCIM.SetTraceMask(2 | 16);
   t.clear();
   CIMconnection quiet;
@@ -104,38 +81,27 @@ TEST(CimStatus, DumpLayoutAndSilenceWhenLevelIsOff) {
   EXPECT_TRUE(t.texts().empty());
 }
 
-TEST(CurlHandle, AddressChecksComeFirstLocalBeforeServer) {
+TEST(CurlHandle, AddressChecksFirstThenCreatedOnceAndKeptWhileHeaderListIsDropped) {
   Traces t(kAll);
   CIMconnection c;
+  c.m_Host = "srv";
   c.m_HeaderList = curl_slist_append(nullptr, "X-Old: 1");
   EXPECT_EQ(c.initCurlHandle(), 5004);
   c.m_LocalIP = "10.0.0.1";
   EXPECT_EQ(c.initCurlHandle(), 5003);  // the status is reset first
   EXPECT_EQ(c.m_Curl, nullptr);
   EXPECT_NE(c.m_HeaderList, nullptr);  // left alone by the early returns
-  const auto st = t.texts("SetCimStatus_FL");
-  ASSERT_EQ(st.size(), 2u);
-  EXPECT_NE(st[0].find("ErrCode:5004 initCurlHandle: bad local-IP-Address"), std::string::npos);
-  EXPECT_NE(st[1].find("ErrCode:5003 initCurlHandle: bad server-IP-Address"), std::string::npos);
-
+  EXPECT_EQ(t.statusCodes(), (std::vector<std::string>{"5004 initCurlHandle: bad local-IP-Address",
+                                                       "5003 initCurlHandle: bad server-IP-Address"}));
+  t.clear();
   c.m_ServerIP = "10.0.0.2";
-  EXPECT_EQ(c.initCurlHandle(), 0);
-  EXPECT_NE(c.m_Curl, nullptr);
-  EXPECT_EQ(c.m_HeaderList, nullptr);
-}
-
-TEST(CurlHandle, CreatedOnceThenKeptWhileHeaderListIsDropped) {
-  Traces t(16);
-  CIMconnection c;
-  c.m_Host = "srv";
-  c.m_NoIPCheck = true;
-  c.m_ErrCode = 99;
   EXPECT_EQ(c.initCurlHandle(), 0);
   void* first = c.m_Curl;
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(t.texts("initCurlHandle"),
-            (std::vector<std::string>{"[srv]       initCurlHandle: CURL_EASY_INIT done",
-                                      "[srv]       initCurlHandle: SSL=0x0"}));
+  EXPECT_EQ(c.m_HeaderList, nullptr);
+  EXPECT_EQ(t.texts("initCurlHandle"), (std::vector<std::string>{
+                                           "[srv]       initCurlHandle: CURL_EASY_INIT done",
+                                           "[srv]       initCurlHandle: SSL=0x0"}));
   t.clear();
   c.m_HeaderList = curl_slist_append(nullptr, "CIMMethod: GetClass");
   c.m_ErrCode = 5001;
@@ -143,19 +109,16 @@ TEST(CurlHandle, CreatedOnceThenKeptWhileHeaderListIsDropped) {
   EXPECT_EQ(c.m_Curl, first);
   EXPECT_EQ(c.m_HeaderList, nullptr);
   EXPECT_TRUE(t.texts().empty());
-}
 
-TEST(CurlHandle, OptionFailuresAreRecordedWithoutStoppingTheSequence) {
-  Traces t(kAll);
-  CIMconnection c;
-  c.m_NoIPCheck = true;
+  // Options libcurl refuses are recorded without stopping the sequence.
+  c.releaseCurlHandle();
+  c.m_Host.clear();
   c.m_CertFile.assign(9u << 20, 'c');  // beyond libcurl's input limit for option strings
   c.m_CAFile.assign(9u << 20, 'a');
   EXPECT_EQ(c.initCurlHandle(), CURLE_BAD_FUNCTION_ARGUMENT);
   EXPECT_NE(c.m_Curl, nullptr);
-  const auto st = t.texts("SetCimStatus_FL");
-  ASSERT_EQ(st.size(), 2u);
-  for (const auto& s : st) EXPECT_NE(s.find("ErrCode:43 "), std::string::npos) << s;
+  EXPECT_EQ(t.statusCodes(),
+            std::vector<std::string>(2, "43 " + std::string(curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT))));
   EXPECT_EQ(t.texts("Debug_Request_Response").size(), 1u);
   EXPECT_EQ(t.texts("initCurlHandle").back(), "[]       initCurlHandle: SSL=0x4");
 }
@@ -166,33 +129,27 @@ TEST(CurlHandle, ReleaseAndDestructionFreeHandleAndAlwaysCleanBuffers) {
     CIMconnection c;
     c.m_Host = "r";
     c.m_NoIPCheck = true;
-    ASSERT_EQ(c.initCurlHandle(), 0);
-    c.m_HeaderList = curl_slist_append(nullptr, "Expect:");
-    c.m_ErrCode = 22;
-    c.m_Info = oxCIM::NO_Connect;
-    c.m_Request = c.m_Header = c.m_Response = "x";
-    BuildTree(c.m_ResponseTree);
-    c.releaseCurlHandle();
-    EXPECT_EQ(c.m_Curl, nullptr);
-    EXPECT_EQ(c.m_HeaderList, nullptr);
-    EXPECT_EQ(c.m_Request + c.m_Header + c.m_Response, "");
-    EXPECT_EQ(c.m_ResponseTree.m_Name, nullptr);
-    EXPECT_EQ(c.m_ResponseTree.m_Next, nullptr);
-    EXPECT_EQ(c.m_ErrCode, 22);
-    c.m_Header = "h";
-    c.releaseCurlHandle();  // no handle: nothing traced, buffers still emptied
-    EXPECT_EQ(c.m_Header, "");
-    // Destroyed with a live handle, header list and tree (the leak checker watches).
-    c.m_ErrCode = 0;
-    c.m_Info = 0;
-    ASSERT_EQ(c.initCurlHandle(), 0);
-    c.m_HeaderList = curl_slist_append(nullptr, "CIMOperation: MethodCall");
-    BuildTree(c.m_ResponseTree);
+    for (int round : {0, 1}) {  // the second one is destroyed with all of it (the leak checker watches)
+      ASSERT_EQ(c.initCurlHandle(), 0);
+      c.m_HeaderList = curl_slist_append(nullptr, "Expect:");
+      c.m_ErrCode = round ? 0 : 22;
+      c.m_Info = round ? 0 : oxCIM::NO_Connect;
+      c.m_Request = c.m_Header = c.m_Response = "x";
+      BuildTree(c.m_ResponseTree);
+      if (round) break;
+      c.releaseCurlHandle();
+      EXPECT_TRUE(c.m_Curl == nullptr && c.m_HeaderList == nullptr);
+      EXPECT_EQ(c.m_Request + c.m_Header + c.m_Response, "");
+      EXPECT_TRUE(c.m_ResponseTree.m_Name == nullptr && c.m_ResponseTree.m_Next == nullptr);
+      EXPECT_EQ(c.m_ErrCode, 22);
+      c.m_Header = "h";
+      c.releaseCurlHandle();  // no handle: nothing traced, buffers still emptied
+      EXPECT_EQ(c.m_Header, "");
+    }
   }
   EXPECT_EQ(t.texts("releaseCurlHandle"),
-            (std::vector<std::string>{
-                "[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=22 m_Info=0x400)",
-                "[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=0 m_Info=0x0)"}));
+            (std::vector<std::string>{"[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=22 m_Info=0x400)",
+                                      "[r] releaseCurlHandle: CURL_EASY_CLEANUP (m_ErrCode=0 m_Info=0x0)"}));
 }
 
 TEST(CurlHandle, DuplicateReplacesWithoutLeakingAndNullClears) {
@@ -242,15 +199,11 @@ void ExpectCopied(const CIMconnection& d, const CIMconnection& s) {
   EXPECT_EQ(d.m_MaxResponseBytes, s.m_MaxResponseBytes);
   EXPECT_EQ(d.m_ErrCnt.get(), s.m_ErrCnt.get());
   EXPECT_EQ(d.m_SharedLock.get(), s.m_SharedLock.get());
-  // The tree is a copy with its own nodes, texts and parent links.
+  // The tree is a copy of its own (deep copies are the element tree's tests' business).
   const CIMelement* dm = d.m_ResponseTree.m_Next;
-  ASSERT_TRUE(dm != nullptr && dm->m_Next != nullptr);
-  EXPECT_EQ(dm->m_Name, oxCIM::known_cim_elements[26]);
+  ASSERT_TRUE(dm != nullptr && dm->m_Next != nullptr && dm->m_Next->m_Value != nullptr);
   EXPECT_NE(dm, s.m_ResponseTree.m_Next);
-  EXPECT_EQ(dm->m_Next->m_Parent, dm);
-  ASSERT_NE(dm->m_Next->m_Value, nullptr);
   EXPECT_STREQ(dm->m_Next->m_Value, "hello");
-  EXPECT_NE(dm->m_Next->m_Value, s.m_ResponseTree.m_Next->m_Next->m_Value);
 }
 
 TEST(ConnectionAssign, WithoutHandleTargetDropsItsOwnAndSharesTheSource) {
