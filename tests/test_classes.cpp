@@ -74,28 +74,38 @@ CIMelement* Values(CIMelement* last, CIMelement* parent, int count, const char* 
   return last;
 }
 
+// (have, want) pairs checked in one go: identities, numbers, texts.
+void Same(std::initializer_list<std::pair<const void*, const void*>> pairs) {
+  int i = 0;
+  for (auto& [have, want] : pairs) EXPECT_EQ(have, want) << "pair " << i++;
+}
+void Equal(std::initializer_list<std::pair<long, long>> pairs) {
+  int i = 0;
+  for (auto& [have, want] : pairs) EXPECT_EQ(have, want) << "pair " << i++;
+}
+void Texts(std::initializer_list<std::pair<const char*, const char*>> pairs) {
+  int i = 0;
+  for (auto& [have, want] : pairs) EXPECT_STREQ(have, want) << "pair " << i++;
+}
+
 const char* kNoParent = "CIMelement::operator=: ERROR: Parent in COPY-Constuctor not found!";
 
 }  // namespace
 
 // Public data: this suite linking against the shared library already proves the export.
 TEST(Tables, SizesOrderAndSpellings) {
-  EXPECT_EQ(sizeof(known_cim_elements) / sizeof(char*), 71u);
-  EXPECT_EQ(sizeof(known_cim_attributes) / sizeof(char*), 34u);
-  EXPECT_EQ(sizeof(known_cim_types) / sizeof(char*), 16u);
-  EXPECT_EQ(sizeof(known_cim_imethods) / sizeof(char*), 24u);
+  Equal({{sizeof(known_cim_elements) / sizeof(char*), 71}, {sizeof(known_cim_attributes) / sizeof(char*), 34},
+         {sizeof(known_cim_types) / sizeof(char*), 16}, {sizeof(known_cim_imethods) / sizeof(char*), 24},
+         {oxCIM::oxCIM.GetNumber(), 300}});
   for (int i = 2; i <= 69; ++i)
     EXPECT_LT(std::strcmp(known_cim_elements[i - 1], known_cim_elements[i]), 0) << i;
-  const std::pair<const char*, const char*> spellings[] = {
-      {known_cim_elements[0], "?xml"}, {known_cim_elements[70], "unknown"},
-      {known_cim_attributes[0], "NAME"}, {known_cim_attributes[1], "TYPE"},
-      {known_cim_attributes[32], "EmbeddedObject"}, {known_cim_attributes[33], "unknown"},
-      {known_cim_types[14], "unknown"}, {known_cim_types[15], "reference"},
-      {known_cim_imethods[22], "EnumarateQualifiers"}, {known_cim_imethods[23], "unknown"},
-      {nsCIMV2, "root/cimv2"}, {oxCIM::oxCIM.GetName(), "oxCIM"},
-      {oxCIM::oxCIM.GetVersion(), "P:6.6.11 F:6.6.11"}};
-  for (auto& [have, want] : spellings) EXPECT_STREQ(have, want);
-  EXPECT_EQ(oxCIM::oxCIM.GetNumber(), 300);
+  Texts({{known_cim_elements[0], "?xml"}, {known_cim_elements[70], "unknown"},
+         {known_cim_attributes[0], "NAME"}, {known_cim_attributes[1], "TYPE"},
+         {known_cim_attributes[32], "EmbeddedObject"}, {known_cim_attributes[33], "unknown"},
+         {known_cim_types[14], "unknown"}, {known_cim_types[15], "reference"},
+         {known_cim_imethods[22], "EnumarateQualifiers"}, {known_cim_imethods[23], "unknown"},
+         {nsCIMV2, "root/cimv2"}, {oxCIM::oxCIM.GetName(), "oxCIM"},
+         {oxCIM::oxCIM.GetVersion(), "P:6.6.11 F:6.6.11"}});
 }
 
 TEST(Attributes, LookupBoundariesAndDuplicates) {
@@ -105,20 +115,17 @@ TEST(Attributes, LookupBoundariesAndDuplicates) {
   EXPECT_STREQ(v, "?");
   for (auto [id, text] : {std::pair<int, const char*>{aName, "first"}, {aName, "second"}, {33, ""}})
     ASSERT_EQ(e.attr_put(id, text), 0);
-  EXPECT_EQ(e.m_Attributes->elemlen, -2);
-  EXPECT_EQ(e.m_Attributes->argv[0][0], 1);  // identifier + 1 in the leading byte
-  EXPECT_STREQ(e.attr_find(aName), "first");
-  const std::pair<int, const char*> got[] = {{aName, "second"}, {33, ""}, {33, "?"}};
-  for (int i = 1; i <= 3; ++i) {
+  // Past the end: the unknown identifier and "?".
+  for (auto [i, id, text] : {std::tuple<int, int, const char*>{1, aName, "second"}, {2, 33, ""}, {5, 33, "?"}}) {
     v = nullptr;
-    EXPECT_EQ(e.attr_get(i == 3 ? 5 : i, &v), got[i - 1].first);
-    EXPECT_STREQ(v, got[i - 1].second);
+    EXPECT_EQ(e.attr_get(i, &v), id);
+    EXPECT_STREQ(v, text);
   }
-  EXPECT_EQ(e.attr_get(0, nullptr), 33);
-  EXPECT_EQ(e.attr_find_exact(aName, "FIRST"), 0);
-  EXPECT_EQ(e.attr_find_exact(aName, "firs"), 1001);
-  EXPECT_EQ(e.attr_find_exact(aName, "second"), 1001);  // only the first one counts
-  EXPECT_EQ(e.attr_find_exact(aClassName, "first"), 1001);
+  // The identifier + 1 in the leading byte; only the first of two NAMEs counts.
+  Equal({{e.m_Attributes->elemlen, -2}, {e.m_Attributes->argv[0][0], 1}, {e.attr_get(0, nullptr), 33},
+         {e.attr_find_exact(aName, "FIRST"), 0}, {e.attr_find_exact(aName, "firs"), 1001},
+         {e.attr_find_exact(aName, "second"), 1001}, {e.attr_find_exact(aClassName, "first"), 1001}});
+  EXPECT_STREQ(e.attr_find(aName), "first");
   empty.attr_put(aName, "");
   EXPECT_EQ(empty.attr_find_exact(aName, ""), 1001);
   EXPECT_STREQ(empty.attr_find(aName), "");
@@ -130,17 +137,12 @@ TEST(Attributes, LookupBoundariesAndDuplicates) {
 }
 
 TEST(ElementTree, MakeNextElementAppendsAtListEnd) {
-  CIMelement root;
+  CIMelement root, hole;
   EXPECT_EQ(root.makeNextElement(), &root);  // an empty root is reused
   auto n = Tree(root, {{1, -1}, {26, 0}, {54, 1}});
   CIMelement* c = root.makeNextElement();  // called on the head, lands behind the last
-  EXPECT_EQ(n[2]->m_Next, c);
-  EXPECT_EQ(c->m_Parent, &root);
-  EXPECT_EQ(c->m_Name, nullptr);
-
+  Same({{n[2]->m_Next, c}, {c->m_Parent, &root}, {c->m_Name, nullptr}, {c->makeNextElement(), c}});  // empty tail: reused
   oxtest::TraceCapture tc(TRACE_ERROR);
-  EXPECT_EQ(c->makeNextElement(), c);  // empty tail: reused
-  CIMelement hole;
   hole.m_Next = new CIMelement();
   EXPECT_EQ(hole.makeNextElement(), nullptr);
   EXPECT_TRUE(tc.has(TRACE_ERROR, "makeNextElement: Exception raised: this->m_Next is already set!"));
@@ -151,61 +153,51 @@ TEST(ElementTree, LastElementUsesParentAndGrandparentOnly) {
   // a > b > c > d (three levels deep), then f (child of a) > h
   auto n = Tree(root, {{1, -1}, {26, 0}, {54, 1}, {15, 2}, {26, 0}, {54, 4}});
   // d's walk: f's parent is d's great-grandparent, so it runs on to the end of the list.
-  const std::pair<int, int> lasts[] = {{2, 3}, {1, 3}, {0, 5}, {5, 5}, {3, 5}};
-  for (auto [from, last] : lasts) EXPECT_EQ(n[from]->getLastElement(), n[last]) << from;
+  Same({{n[2]->getLastElement(), n[3]}, {n[1]->getLastElement(), n[3]}, {n[0]->getLastElement(), n[5]},
+        {n[5]->getLastElement(), n[5]}, {n[3]->getLastElement(), n[5]}});
   n = Tree(root, {{54, 2}}, n);
-  EXPECT_EQ(n[3]->getLastElement(), n[5]);  // still past f and h: only g (parent c) stops it
-  EXPECT_EQ(n[6]->getLastElement(), n[6]);
+  // d still runs past f and h: only g (parent c) stops it.
+  Same({{n[3]->getLastElement(), n[5]}, {n[6]->getLastElement(), n[6]}});
 }
 
 TEST(ElementTree, DeleteElementRelinks) {
   CIMelement root;
   auto n = Tree(root, {{1, -1}, {26, 0}, {54, 1}, {54, 1}, {26, 0}});  // a b c d e
-  EXPECT_EQ(n[2]->deleteElement(false), n[1]);  // parent is the predecessor
-  EXPECT_EQ(n[1]->m_Next, n[3]);
-  EXPECT_EQ(n[4]->deleteElement(false), n[3]);  // found by walking from the parent's successor
-  EXPECT_EQ(n[3]->m_Next, nullptr);
+  // c's predecessor is its parent; e's is found by walking from the parent's successor.
+  Same({{n[2]->deleteElement(false), n[1]}, {n[1]->m_Next, n[3]}, {n[4]->deleteElement(false), n[3]},
+        {n[3]->m_Next, nullptr}});
   n.resize(4);
   n = Tree(root, {{26, 0}, {54, 4}, {26, 0}}, n);  // f g h
-  EXPECT_EQ(n[1]->deleteElement(true), n[0]);
-  EXPECT_EQ(n[0]->m_Next, n[4]);
-  EXPECT_EQ(n[4]->deleteElement(true), n[0]);
-  EXPECT_EQ(n[0]->m_Next, n[6]);
-
+  Same({{n[1]->deleteElement(true), n[0]}, {n[0]->m_Next, n[4]}, {n[4]->deleteElement(true), n[0]},
+        {n[0]->m_Next, n[6]}});
   auto* lone = new CIMelement();
   Tree(*lone, {{1, -1}, {26, 0}});
   EXPECT_EQ(lone->deleteElement(true), nullptr);
 }
 
 TEST(ElementTree, FindElementAndKeysSkipNestedMatches) {
-  CIMelement root;
+  CIMelement root, props;
   auto n = InstanceNames(root);
-  CIMelement *first = n[1], *second = n[9];
-  EXPECT_EQ(root.findelement(kInstName, 0), first);
-  EXPECT_EQ(root.findelement(kInstName, 1), second);
-  EXPECT_EQ(root.findelement(kInstName, 2), nullptr);
-  EXPECT_EQ(first->findelement(kInstName, 0), first);  // the start node counts
-  EXPECT_EQ(root.findelement(2, 0), nullptr);
-  // Key lookups: within the instance name only, values compared without case.
-  EXPECT_STREQ(first->getValueOf(kKeyBinding, "ID"), "1");
-  EXPECT_EQ(first->getValueOf(kKeyBinding, "Ref"), nullptr);  // followed by VALUE.REFERENCE
-  EXPECT_EQ(first->getValueOf(kProperty, "Id"), nullptr);
-  EXPECT_EQ(root.findInstanceName("Id", "TWO"), second);
-  EXPECT_EQ(root.findInstanceName("id", "1"), first);
-  // The nested instance name has Id=2 but is never a candidate of its own.
-  EXPECT_EQ(root.findInstanceName("Id", "2"), nullptr);
-  EXPECT_EQ(second->search_elem(kKeyBinding, "Ref"), nullptr);
+  // The start node counts; key values are compared without case, within the instance name
+  // only, and the nested instance name (Id=2) is never a candidate of its own.
+  Same({{root.findelement(kInstName, 0), n[1]}, {root.findelement(kInstName, 1), n[9]},
+        {root.findelement(kInstName, 2), nullptr}, {n[1]->findelement(kInstName, 0), n[1]},
+        {root.findelement(2, 0), nullptr}, {root.findInstanceName("Id", "TWO"), n[9]},
+        {root.findInstanceName("id", "1"), n[1]}, {root.findInstanceName("Id", "2"), nullptr},
+        {n[9]->search_elem(kKeyBinding, "Ref"), nullptr}});
+  // A KEYBINDING followed by VALUE.REFERENCE has no value.
+  Texts({{n[1]->getValueOf(kKeyBinding, "ID"), "1"}, {n[1]->getValueOf(kKeyBinding, "Ref"), nullptr},
+         {n[1]->getValueOf(kProperty, "Id"), nullptr}});
 
-  CIMelement props;
   auto p = Tree(props, {{16, -1}, {kProperty, 0, "Caption"}, {kValue, 1, nullptr, "disk 0"},
                         {kPropertyArray, 0, "Sizes"}, {61, 3}, {kValue, 4, nullptr, "1"},
                         {kProperty, 0, "Empty"}, {kProperty, 0, "Odd"}, {kKeyValue, 7, nullptr, "kv"}});
-  EXPECT_EQ(props.getValueOf(kProperty, "Odd"), nullptr);  // only a KEYBINDING takes a KEYVALUE
-  EXPECT_STREQ(props.getValueOfProperty("caption"), "disk 0");
-  EXPECT_STREQ(props.getValueOf(kProperty, "CAPTION"), "disk 0");
-  EXPECT_EQ(props.findProperty("SIZES"), p[3]);
-  for (const char* name : {"Sizes", "Empty", "Missing"}) EXPECT_EQ(props.getValueOfProperty(name), nullptr);
-  EXPECT_EQ(p[2]->findProperty("Sizes"), p[3]);  // runs to the end of the list, beyond the subtree
+  // Only a KEYBINDING takes a KEYVALUE as its value.
+  Texts({{props.getValueOf(kProperty, "Odd"), nullptr}, {props.getValueOfProperty("caption"), "disk 0"},
+         {props.getValueOf(kProperty, "CAPTION"), "disk 0"}, {props.getValueOfProperty("Sizes"), nullptr},
+         {props.getValueOfProperty("Empty"), nullptr}, {props.getValueOfProperty("Missing"), nullptr}});
+  // findProperty runs to the end of the list, beyond the start's subtree.
+  Same({{props.findProperty("SIZES"), p[3]}, {p[2]->findProperty("Sizes"), p[3]}});
 }
 
 TEST(ElementTree, LongListsAreFreedWithoutRecursion) {
@@ -214,8 +206,7 @@ TEST(ElementTree, LongListsAreFreedWithoutRecursion) {
   CIMelement* last = Values(top, top, 1000000);
   EXPECT_EQ(root->findelement(kValue, 999999), last);
   root->eclean();
-  EXPECT_EQ(root->m_Name, nullptr);
-  EXPECT_EQ(root->m_Next, nullptr);
+  Same({{root->m_Name, nullptr}, {root->m_Next, nullptr}});
   Values(root, nullptr, 1000000);
   delete root;
 }
@@ -239,7 +230,7 @@ TEST(ElementTree, PooledNodesComeBackFromAnyThread) {
   a.join();
   b.join();
   EXPECT_EQ(lists[0], nullptr);
-  EXPECT_EQ(fresh->findelement(kValue, 4999)->attr_find(aName), std::string("n"));
+  EXPECT_STREQ(fresh->findelement(kValue, 4999)->attr_find(aName), "n");
   CIMclass::kill_element(&fresh);
   EXPECT_EQ(PoolBytesInUse(), before);
 }
@@ -248,17 +239,14 @@ TEST(ElementTree, RedirectChainMovesSubtrees) {
   CIMelement root;
   auto n = InstanceNames(root);
   CIMelement *first = n[1], *second = n[9], *anchor = nullptr;
-  EXPECT_EQ(first->redirect_chain(nullptr, true), nullptr);
-  EXPECT_EQ(first->redirect_chain(&anchor, true), second);
-  EXPECT_EQ(anchor, first);
-  EXPECT_EQ(first->m_Parent, nullptr);
-  EXPECT_EQ(root.m_Next, second);
-  EXPECT_STREQ(first->getValueOf(kKeyBinding, "Id"), "1");  // children came along
-  EXPECT_EQ(first->findelement(kInstName, 1), nullptr);     // and the list was cut
-  EXPECT_EQ(second->redirect_chain(&anchor, false), nullptr);
-  EXPECT_EQ(second->m_Next, nullptr);
+  // Children come along, and the list is cut behind them.
+  Same({{first->redirect_chain(nullptr, true), nullptr}, {first->redirect_chain(&anchor, true), second},
+        {anchor, first}, {first->m_Parent, nullptr}, {root.m_Next, second},
+        {first->findelement(kInstName, 1), nullptr}});
+  EXPECT_STREQ(first->getValueOf(kKeyBinding, "Id"), "1");
+  Same({{second->redirect_chain(&anchor, false), nullptr}, {second->m_Next, nullptr},
+        {Nodes(anchor).back(), second}});
   EXPECT_EQ(Nodes(&root).size(), 1u);
-  EXPECT_EQ(Nodes(anchor).back(), second);
 
   oxtest::TraceCapture tc(TRACE_ERROR);
   EXPECT_EQ(first->redirect_chain(&anchor, true), nullptr);
@@ -274,15 +262,12 @@ TEST(ElementTree, DeepCopyRebuildsParents) {
   auto src = Nodes(&root), dst = Nodes(&copy);
   ASSERT_EQ(src.size(), dst.size());
   for (size_t i = 0; i < src.size(); ++i) {
-    EXPECT_EQ(dst[i]->m_Name, src[i]->m_Name) << i;
-    EXPECT_EQ(IndexOf(dst, dst[i]->m_Parent), IndexOf(src, src[i]->m_Parent)) << i;
-    if (src[i]->m_Value) {
-      EXPECT_STREQ(dst[i]->m_Value, src[i]->m_Value);
-      EXPECT_NE(dst[i]->m_Value, src[i]->m_Value);
-    }
+    SCOPED_TRACE(i);
     char *sv, *dv;
-    EXPECT_EQ(dst[i]->attr_get(0, &dv), src[i]->attr_get(0, &sv));
-    EXPECT_STREQ(dv, sv);
+    Equal({{IndexOf(dst, dst[i]->m_Parent), IndexOf(src, src[i]->m_Parent)},
+           {dst[i]->attr_get(0, &dv), src[i]->attr_get(0, &sv)},
+           {dst[i]->m_Value == src[i]->m_Value, src[i]->m_Value == nullptr}});
+    Texts({{dst[i]->m_Name, src[i]->m_Name}, {dst[i]->m_Value, src[i]->m_Value}, {dv, sv}});
   }
   root.eclean();  // the copy owns nothing of the original
   EXPECT_STREQ(copy.findInstanceName("Id", "two")->attr_find(aClassName), "B");
@@ -290,13 +275,11 @@ TEST(ElementTree, DeepCopyRebuildsParents) {
   // Assigning over a filled tree from a node inside the target's own list: with
   // children and attributes, then a lone node with a value.
   copy = *copy.findelement(kInstName, 1);
-  EXPECT_EQ(copy.m_Name, known_cim_elements[kInstName]);
+  Same({{copy.m_Name, known_cim_elements[kInstName]}, {copy.m_Next->m_Parent, &copy}});
   EXPECT_STREQ(copy.getValueOf(kKeyBinding, "Id"), "two");
-  EXPECT_EQ(copy.m_Next->m_Parent, &copy);
   copy = *Nodes(&copy).back();
-  EXPECT_EQ(copy.m_Name, known_cim_elements[kKeyValue]);
+  Same({{copy.m_Name, known_cim_elements[kKeyValue]}, {copy.m_Next, nullptr}});
   EXPECT_STREQ(copy.m_Value, "two");
-  EXPECT_EQ(copy.m_Next, nullptr);
 }
 
 TEST(ElementTree, DeepCopyParentSearchComparesKindAndFirstAttributeId) {
@@ -307,13 +290,10 @@ TEST(ElementTree, DeepCopyParentSearchComparesKindAndFirstAttributeId) {
                        {kValueRef, 1}, {kInstName, 2, "Inner", nullptr, innerAttr},
                        {kKeyBinding, 3, "Id"}, {kKeyValue, 4, nullptr, "1"}, {kKeyBinding, 0, "Other"}});
   };
-  {
-    CIMelement root;
-    nested(root, aName);
-    CIMelement copy(root);
-    EXPECT_EQ(Nodes(&copy).back()->m_Parent, &copy);  // inner's first attribute differs
-  }
-  CIMelement root, copy, fromChild;
+  CIMelement byName, root, copy, fromChild;
+  nested(byName, aName);
+  CIMelement nameCopy(byName);
+  EXPECT_EQ(Nodes(&nameCopy).back()->m_Parent, &nameCopy);  // inner's first attribute differs
   auto n = nested(root, aClassName);
   copy = root;
   auto dst = Nodes(&copy);
@@ -327,32 +307,24 @@ TEST(ElementTree, DeepCopyParentSearchComparesKindAndFirstAttributeId) {
   EXPECT_TRUE(tc.has(TRACE_ERROR, kNoParent));
   auto fc = Nodes(&fromChild);
   ASSERT_EQ(fc.size(), 3u);
-  EXPECT_EQ(fc[1]->m_Parent, fc[0]);
-  EXPECT_EQ(fc[2]->m_Parent, nullptr);
+  Same({{fc[1]->m_Parent, fc[0]}, {fc[2]->m_Parent, nullptr}});
 }
 
 TEST(Array, LengthCodesAndGrowth) {
   oxtest::TraceCapture tc(TRACE_ERROR);
   CIMarray a, lead, untyped;
-  char* s = static_cast<char*>(a.putargv("abc", -1, 15));
-  ASSERT_NE(s, nullptr);
-  EXPECT_STREQ(s, "abc");
-  EXPECT_EQ(a.elemlen, -1);
-  EXPECT_EQ(a.maxargc, 16u);
   long x = 7;
-  EXPECT_EQ(a.putargv(&x, 8, 15), nullptr);
+  EXPECT_STREQ(static_cast<char*>(a.putargv("abc", -1, 15)), "abc");
+  Equal({{a.elemlen, -1}, {a.maxargc, 16}, {a.putargv(&x, 8, 15) == nullptr, 1}, {a.argc, 1}});
   EXPECT_TRUE(tc.has(TRACE_ERROR, "putargv: Exception raised: different length of array elements!"));
-  EXPECT_EQ(a.argc, 1u);
   for (int i = 1; i < 16; ++i) ASSERT_NE(a.putargv("x", -1, 15), nullptr);
   EXPECT_EQ(a.maxargc, 16u);
   ASSERT_NE(a.putargv("seventeenth", -1, 15), nullptr);
-  EXPECT_EQ(a.maxargc, 32u);
-  EXPECT_EQ(a.argc, 17u);
+  Equal({{a.maxargc, 32}, {a.argc, 17}});
   for (unsigned long i = a.argc; i < a.maxargc; ++i) EXPECT_EQ(a.argv[i], nullptr);
 
   EXPECT_EQ(a.setmaxargc(0), 0);
-  EXPECT_EQ(a.argv, nullptr);
-  EXPECT_EQ(a.elemlen, 0);
+  Equal({{a.argv == nullptr, 1}, {a.elemlen, 0}});
   const unsigned char* z = static_cast<unsigned char*>(a.putargv(nullptr, 8, 15));
   ASSERT_NE(z, nullptr);
   for (int i = 0; i < 8; ++i) EXPECT_EQ(z[i], 0);
@@ -367,21 +339,16 @@ TEST(Array, LengthCodesAndGrowth) {
 TEST(Array, ResizeAndTrim) {
   CIMarray a;
   for (const char* s : {"a", "b", "c", "d"}) a.putargv(s, -1, 15);
-  EXPECT_EQ(a.setmaxargc(2), 0);
-  EXPECT_EQ(a.argc, 2u);
-  EXPECT_EQ(a.maxargc, 2u);
+  Equal({{a.setmaxargc(2), 0}, {a.argc, 2}, {a.maxargc, 2}});
   EXPECT_STREQ(a.argv[1], "b");
-  EXPECT_EQ(a.setmaxargc(5), 0);
-  EXPECT_EQ(a.argv[4], nullptr);
-  EXPECT_EQ(a.elemlen, -1);
+  Equal({{a.setmaxargc(5), 0}, {a.argv[4] == nullptr, 1}, {a.elemlen, -1}});
   a.putargv("e", -1, 15);
   a.FreeUnused();
   EXPECT_EQ(a.maxargc, 3u);
   EXPECT_STREQ(a.argv[2], "e");
   a.setmaxargc(0);
   a.FreeUnused();
-  EXPECT_EQ(a.argv, nullptr);
-  EXPECT_EQ(a.maxargc, 0u);
+  Equal({{a.argv == nullptr, 1}, {a.maxargc, 0}});
 
   // The elements cut off are freed with the cut (the heap's count; sanitizer builds
   // have their own heap, and their leak check sees the same).
@@ -402,12 +369,9 @@ TEST(Array, AssignmentCopiesLeadingBytes) {
   CIMarray copy, blocks;
   copy.putargv("old", -1, 15);
   copy = *e.m_Attributes;
-  EXPECT_EQ(copy.elemlen, -2);
-  EXPECT_EQ(copy.argc, 2u);
-  EXPECT_EQ(copy.maxargc, e.m_Attributes->maxargc);
-  EXPECT_EQ(copy.argv[1][0], aClassName + 1);
+  Equal({{copy.elemlen, -2}, {copy.argc, 2}, {copy.maxargc, e.m_Attributes->maxargc},
+         {copy.argv[1][0], aClassName + 1}, {copy.argv[1] == e.m_Attributes->argv[1], 0}});
   EXPECT_STREQ(copy.argv[1] + 1, "c");
-  EXPECT_NE(copy.argv[1], e.m_Attributes->argv[1]);
 
   long v[2] = {1, 2};
   for (long& x : v) blocks.putargv(&x, 8, 15);
@@ -437,23 +401,16 @@ TEST(ClassList, LookupIgnoresCaseAndDefaultsNamespace) {
   CIMclass* b = head.makeNextClass("Vendor_Disk", "root/vendor");
   CIMclass* noNs = head.makeNextClass("CIM_Fan", "");
   CIMclass* unnamed = head.makeNextClass(nullptr, "root/cimv2");
-  EXPECT_EQ(head.m_Next, b);
-  EXPECT_EQ(unnamed->m_Next, nullptr);
-  EXPECT_EQ(noNs->m_NameSpace, nullptr);
-  const std::tuple<const char*, const char*, CIMclass*> finds[] = {
-      {"cim_disk", nullptr, &head}, {"CIM_DISK", "ROOT/cimv2", &head}, {"cim_disk", "", &head},
-      {"vendor_disk", "Root/Vendor", b}, {"Vendor_Disk", "", nullptr}, {"CIM_Fan", "", nullptr},
-      {"CIM_Dis", nullptr, nullptr}, {"", nullptr, unnamed}};
-  for (auto [name, ns, want] : finds) EXPECT_EQ(head.findClassName(name, ns), want) << name;
+  Same({{head.m_Next, b}, {unnamed->m_Next, nullptr}, {noNs->m_NameSpace, nullptr},
+        {head.findClassName("cim_disk", nullptr), &head}, {head.findClassName("CIM_DISK", "ROOT/cimv2"), &head},
+        {head.findClassName("cim_disk", ""), &head}, {head.findClassName("vendor_disk", "Root/Vendor"), b},
+        {head.findClassName("Vendor_Disk", ""), nullptr}, {head.findClassName("CIM_Fan", ""), nullptr},
+        {head.findClassName("CIM_Dis", nullptr), nullptr}, {head.findClassName("", nullptr), unnamed}});
   unnamed->setClassName("", "");
-  EXPECT_EQ(unnamed->m_ClassName, nullptr);
-  EXPECT_EQ(unnamed->m_NameSpace, nullptr);
-  EXPECT_EQ(head.findClassName(nullptr, nullptr), nullptr);
-
+  Same({{unnamed->m_ClassName, nullptr}, {unnamed->m_NameSpace, nullptr},
+        {head.findClassName(nullptr, nullptr), nullptr}});
   head.clsClean();
-  EXPECT_EQ(head.m_Next, nullptr);
-  EXPECT_EQ(head.m_ClassName, nullptr);
-  EXPECT_EQ(head.makeNextClass("X", nullptr), &head);
+  Same({{head.m_Next, nullptr}, {head.m_ClassName, nullptr}, {head.makeNextClass("X", nullptr), &head}});
 }
 
 TEST(ClassList, AssignmentCopiesListsOntoHead) {
@@ -472,15 +429,11 @@ TEST(ClassList, AssignmentCopiesListsOntoHead) {
   std::vector<std::string> names;
   for (CIMclass* c = &dst; c; c = c->m_Next) names.push_back(c->m_ClassName);
   EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "C"}));
-  ASSERT_NE(dst.m_Properties, nullptr);
+  ASSERT_TRUE(dst.m_Properties && dst.m_Methods && dst.m_InstanceNames);
   EXPECT_STREQ(dst.m_Properties->attr_find(aClassName), "B");  // the last source with one
   EXPECT_NE(dst.m_Properties, n[1]->m_Properties);
-  ASSERT_NE(dst.m_Methods, nullptr);
-  EXPECT_EQ(dst.m_Methods->m_Name, known_cim_elements[27]);
-  ASSERT_NE(dst.m_InstanceNames, nullptr);
-  EXPECT_EQ(dst.m_Next->m_Properties, nullptr);
-  EXPECT_EQ(dst.m_Next->m_Next->m_InstanceNames, nullptr);
-
+  Same({{dst.m_Methods->m_Name, known_cim_elements[27]}, {dst.m_Next->m_Properties, nullptr},
+        {dst.m_Next->m_Next->m_InstanceNames, nullptr}});
   CIMclass::kill_element(&n[0]->m_Methods);
   EXPECT_EQ(n[0]->m_Methods, nullptr);
   CIMclass::kill_element(&n[0]->m_Methods);
