@@ -235,29 +235,10 @@ TEST(ElementTree, PooledNodesComeBackFromAnyThread) {
   EXPECT_EQ(PoolBytesInUse(), before);
 }
 
-TEST(ElementTree, RedirectChainMovesSubtrees) {
+// The copy owns nothing of the original, which is then cut up by redirect_chain.
+TEST(ElementTree, DeepCopyRebuildsParentsAndRedirectChainMovesSubtrees) {
   CIMelement root;
   auto n = InstanceNames(root);
-  CIMelement *first = n[1], *second = n[9], *anchor = nullptr;
-  // Children come along, and the list is cut behind them.
-  Same({{first->redirect_chain(nullptr, true), nullptr}, {first->redirect_chain(&anchor, true), second},
-        {anchor, first}, {first->m_Parent, nullptr}, {root.m_Next, second},
-        {first->findelement(kInstName, 1), nullptr}});
-  EXPECT_STREQ(first->getValueOf(kKeyBinding, "Id"), "1");
-  Same({{second->redirect_chain(&anchor, false), nullptr}, {second->m_Next, nullptr},
-        {Nodes(anchor).back(), second}});
-  EXPECT_EQ(Nodes(&root).size(), 1u);
-
-  oxtest::TraceCapture tc(TRACE_ERROR);
-  EXPECT_EQ(first->redirect_chain(&anchor, true), nullptr);
-  EXPECT_TRUE(tc.has(TRACE_ERROR, "redirect_chain: redirection doesn't make sense if *adr == this"));
-  anchor->eclean();
-  delete anchor;
-}
-
-TEST(ElementTree, DeepCopyRebuildsParents) {
-  CIMelement root;
-  InstanceNames(root);
   CIMelement copy(root);
   auto src = Nodes(&root), dst = Nodes(&copy);
   ASSERT_EQ(src.size(), dst.size());
@@ -269,7 +250,24 @@ TEST(ElementTree, DeepCopyRebuildsParents) {
            {dst[i]->m_Value == src[i]->m_Value, src[i]->m_Value == nullptr}});
     Texts({{dst[i]->m_Name, src[i]->m_Name}, {dst[i]->m_Value, src[i]->m_Value}, {dv, sv}});
   }
-  root.eclean();  // the copy owns nothing of the original
+
+  CIMelement *first = n[1], *second = n[9], *anchor = nullptr;
+  // Children come along, and the list is cut behind them.
+  Same({{first->redirect_chain(nullptr, true), nullptr}, {first->redirect_chain(&anchor, true), second},
+        {anchor, first}, {first->m_Parent, nullptr}, {root.m_Next, second},
+        {first->findelement(kInstName, 1), nullptr}});
+  EXPECT_STREQ(first->getValueOf(kKeyBinding, "Id"), "1");
+  Same({{second->redirect_chain(&anchor, false), nullptr}, {second->m_Next, nullptr},
+        {Nodes(anchor).back(), second}});
+  EXPECT_EQ(Nodes(&root).size(), 1u);
+  {
+    oxtest::TraceCapture tc(TRACE_ERROR);
+    EXPECT_EQ(first->redirect_chain(&anchor, true), nullptr);
+    EXPECT_TRUE(tc.has(TRACE_ERROR, "redirect_chain: redirection doesn't make sense if *adr == this"));
+  }
+  anchor->eclean();
+  delete anchor;
+  root.eclean();
   EXPECT_STREQ(copy.findInstanceName("Id", "two")->attr_find(aClassName), "B");
 
   // Assigning over a filled tree from a node inside the target's own list: with
