@@ -732,7 +732,10 @@ unsigned long StartListener(CIMcontainer& c, CIMcontainer::Subscription& s) {
   }
   // The socket is bound on the listener's own thread: wait until it accepts, so an
   // indication sent as soon as the subscription exists is not refused.
-  for (int i = 0; i < 300 && PortFree(s.port) && s.listener->check_Listener(); ++i)
+  // A listener that could not bind has cleared its callback.
+  for (int i = 0; i < 300 && PortFree(s.port) &&
+                  __atomic_load_n(&s.listener->pCallBack, __ATOMIC_SEQ_CST) != nullptr;
+       ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   c.m_Listener = s.listener;
   return 0;
