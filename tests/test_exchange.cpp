@@ -27,6 +27,9 @@ std::string Answer(const std::string& inner) {
   return a.replace(b, a.find("</IMETHODRESPONSE>") - b, inner);
 }
 
+const char* const kNoCredentials =
+    "5000 sendRequest_recvResponse: m_User, m_Passwd or m_Port not found";
+
 CannedResponse With(CannedResponse r, const char* header, const char* value) {
   r.headers.push_back({header, value});
   return r;
@@ -53,35 +56,16 @@ class Exchange : public ::testing::Test {
   oxCIM::CIMconnection conn;
 };
 
-const oxCIM::CIMelement* findElement(const oxCIM::CIMelement& root, const char* name) {
-  for (const oxCIM::CIMelement* e = &root; e; e = e->m_Next)
-    if (e->m_Name && std::strcmp(e->m_Name, name) == 0) return e;
-  return nullptr;
-}
-
 // ---------------------------------------------------------------------------------------
 
-// The request on the wire, and a good answer (also when it arrives in slow pieces) parsed.
+// The request on the wire, and a good answer parsed.
 TEST_F(Exchange, RequestWireBytesAndGoodAnswer) {
-  CannedResponse dripped = CannedResponse::cimOk(kInstance);
-  dripped.dripChunk = 97;
-  dripped.dripPauseMs = 15;
-  for (const CannedResponse& answer : {CannedResponse::cimOk(kInstance), dripped}) {
-    server.push(answer);
-    conn.m_Info = oxCIM::NO_Auth | oxCIM::NO_Connect | 0x1;  // stale bits from an earlier call
-    trace.clear();
-    EXPECT_EQ(run(), 0);
-    EXPECT_EQ(conn.m_Info, 0x1u) << "only the transport's own bits are cleared";
-    EXPECT_EQ(conn.m_Response, kInstance);
-    EXPECT_EQ(conn.m_Header.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << conn.m_Header;
-    const oxCIM::CIMelement* inst = findElement(conn.m_ResponseTree, "INSTANCE");
-    ASSERT_NE(inst, nullptr);
-    ASSERT_NE(findElement(*inst, "VALUE"), nullptr);
-    EXPECT_STREQ(findElement(*inst, "VALUE")->m_Value, "disk0");
-    EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Enter sendRequest_recvResponse()"));
-    EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Leave sendRequest_recvResponse() m_ErrCode=0"));
-    EXPECT_TRUE(trace.statusCodes().empty());
-  }
+  server.push(CannedResponse::cimOk(kInstance));
+  EXPECT_EQ(run(), 0);
+  EXPECT_EQ(conn.m_Response, kInstance);
+  EXPECT_EQ(conn.m_Header.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << conn.m_Header;
+  ASSERT_NE(conn.m_ResponseTree.findelement(16, 0), nullptr);  // INSTANCE
+  EXPECT_STREQ(conn.m_ResponseTree.findelement(16, 0)->getValueOfProperty("DeviceID"), "disk0");
   const auto r = server.requests().at(0);
   EXPECT_EQ(r.requestLine, "POST /cimom HTTP/1.1");
   EXPECT_EQ(r.header("Authorization"), "Basic dXNlcjpzZWNyZXQ=");  // user:secret
@@ -96,7 +80,8 @@ TEST_F(Exchange, RequestWireBytesAndGoodAnswer) {
 }
 
 // What each kind of answer is worth: the code returned, the status records in order and
-// the connection bits. A `*` stands for libcurl's own text.
+// the connection bits (stale ones from an earlier call go, others stay). A `*` stands for
+// libcurl's own text.
 TEST_F(Exchange, AnswersAndTheirVerdicts) {
   const unsigned auth = oxCIM::NO_Auth;
   const char* kNoData = "5001 No data received from server";  // libcurl drops an error body
@@ -106,8 +91,7 @@ TEST_F(Exchange, AnswersAndTheirVerdicts) {
     std::vector<std::string> codes;
     unsigned info;
   } cases[] = {
-      {CannedResponse::cimOk(Answer("<ERROR CODE=\"6\" DESCRIPTION=\"CIM_ERR_NOT_FOUND\"></ERROR>")),
-       6, {"6 CIM_ERR_NOT_FOUND"}, 0},
+      {CannedResponse::cimOk(kInstance), 0, {}, 0},
       // The ERROR element is read by attribute position: CODE first, DESCRIPTION second.
       {CannedResponse::cimOk(Answer("<ERROR DESCRIPTION=\"CIM_ERR_NOT_FOUND\" CODE=\"6\"></ERROR>")),
        1001, {"1001 No Description found in m_Response"}, 0},
@@ -130,7 +114,6 @@ TEST_F(Exchange, AnswersAndTheirVerdicts) {
       {CannedResponse::http(202, "Accepted", kInstance), 10202, {"10202 HTTP/1.1 202 Accepted"}, 0},
       {With(CannedResponse::cimOk(kInstance), "CIMStatusCode", "4"), 10004,
        {"10004 CIMStatusCode: 4"}, 0},
-      {With(CannedResponse::cimOk(kInstance), "CIMStatusCode", "0"), 0, {}, 0},
       // An ERROR element outranks the header.
       {With(CannedResponse::cimOk(Answer("<ERROR CODE=\"4\" DESCRIPTION=\"bad\"></ERROR>")),
             "CIMStatusCode", "4"),
@@ -146,71 +129,75 @@ TEST_F(Exchange, AnswersAndTheirVerdicts) {
     std::vector<std::string> codes = trace.statusCodes();
     if (k.codes.size() && k.codes[0].back() == '*') codes[0] = codes[0].substr(0, 3) + "*";
     EXPECT_EQ(codes, k.codes);
+    EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Enter sendRequest_recvResponse()"));
     EXPECT_TRUE(trace.has(2, "[127.0.0.1]    Leave sendRequest_recvResponse() m_ErrCode=" +
                                  std::to_string(k.rc)));
   }
 }
 
-TEST_F(Exchange, MissingCredentialsFailBeforeConnecting) {
-  for (auto clear : {+[](oxCIM::CIMconnection& c) { c.m_User.clear(); },
-                     +[](oxCIM::CIMconnection& c) { c.m_Passwd.clear(); },
-                     +[](oxCIM::CIMconnection& c) { c.m_Port.clear(); }}) {
-    oxCIM::CIMconnection c;
+// Without credentials or a curl handle nothing is sent.
+TEST_F(Exchange, NothingIsSentWithoutCredentialsOrHandle) {
+  using C = oxCIM::CIMconnection;
+  const struct {
+    void (*spoil)(C&);
+    int rc;
+    unsigned info;
+    const char* last;  // status record
+  } cases[] = {
+      {[](C& c) { c.m_User.clear(); }, 5000, oxCIM::NO_Auth | 0x1, kNoCredentials},
+      {[](C& c) { c.m_Passwd.clear(); }, 5000, oxCIM::NO_Auth | 0x1, kNoCredentials},
+      {[](C& c) { c.m_Port.clear(); }, 5000, oxCIM::NO_Auth | 0x1, kNoCredentials},
+      // No resolved addresses: initCurlHandle refuses.
+      {[](C& c) { c.m_NoIPCheck = false; }, 5004, oxCIM::NO_Connect | 0x1,
+       "1001 sendRequest_recvResponse: curl interface is not initialized."},
+  };
+  for (const auto& k : cases) {
+    C c;
     configure(c, server.port());
-    clear(c);
+    k.spoil(c);
     c.m_Info = oxCIM::NO_Connect | 0x1;
     std::vector<char> obj{'r', 'o', 'o', 't', 0};
-    EXPECT_EQ(c.sendRequest_recvResponse("GetInstance", obj.data()), 5000);
-    EXPECT_EQ(c.m_Info, oxCIM::NO_Auth | 0x1);
+    EXPECT_EQ(c.sendRequest_recvResponse("GetInstance", obj.data()), k.rc);
+    EXPECT_EQ(c.m_Info, k.info);
     EXPECT_EQ(c.m_Curl, nullptr);
+    EXPECT_EQ(trace.statusCodes().back(), k.last);
   }
   EXPECT_EQ(server.connectionCount(), 0u);
-  EXPECT_EQ(trace.statusCodes().back(),
-            "5000 sendRequest_recvResponse: m_User, m_Passwd or m_Port not found");
 }
 
-TEST_F(Exchange, HandleSetupFailureIsReportedWithItsOwnCode) {
-  conn.m_NoIPCheck = false;  // no resolved addresses: initCurlHandle refuses
-  EXPECT_EQ(run(), 5004);
-  EXPECT_EQ(conn.m_Curl, nullptr);
-  const auto codes = trace.statusCodes();
-  ASSERT_EQ(codes.size(), 2u);
-  EXPECT_EQ(codes[1], "1001 sendRequest_recvResponse: curl interface is not initialized.");
-  EXPECT_EQ(server.connectionCount(), 0u);
-}
-
-TEST_F(Exchange, ConnectionFailuresSetNoConnect) {
-  conn.m_Port = std::to_string(oxtest::FreePort());
-  EXPECT_EQ(run(), 7);
-  EXPECT_EQ(conn.m_Info, oxCIM::NO_Connect);
-  EXPECT_TRUE(trace.has(4, "[127.0.0.1] m_Info = 0x400 (NO_Connect)"));
-
-}
-
-// Time budget: a server that accepts and never answers. Each case costs its budget in
-// seconds, so only the two shortest budgets are exercised end to end.
-TEST_F(Exchange, SilentServerTimesOutAtTheBudget) {
+// Refused, and a server that accepts and never answers: each silent case costs its budget
+// in seconds, so only the two shortest budgets are exercised end to end.
+TEST_F(Exchange, TransportFailuresSetNoConnect) {
+  const struct {
+    bool silent, listener;
+    int extra;
+    int budget;
+    std::vector<int> rcs;  // any of them
+    const char* traced;
+  } cases[] = {
+      {false, false, 0, 0, {7}, "[127.0.0.1] m_Info = 0x400 (NO_Connect)"},
+      // 18 - 14 = 4: raised to the 5-second minimum
+      {true, false, -14, 5, {42, 28},
+       "[127.0.0.1] Leave checkProgress() now-start=5 >= 5 (timeout: fail)"},
+      // 36 - 30 = 6: an active listener lengthens the budget
+      {true, true, -30, 6, {42}, "[127.0.0.1] Leave checkProgress() now-start=6 >= 6 (timeout: fail)"},
+  };
   server.setDefault(CannedResponse::neverAnswer());
-  conn.SetExtraTimeOut(-14);  // 18 - 14 = 4: raised to the 5-second minimum
-  const auto t0 = std::chrono::steady_clock::now();
-  const int rc = run();
-  const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  EXPECT_TRUE(rc == 42 || rc == 28) << rc;
-  EXPECT_EQ(conn.m_Info, oxCIM::NO_Connect);
-  EXPECT_EQ(conn.m_ExtraTimeOut, 0) << "extra time applies to one exchange only";
-  EXPECT_GE(secs, 4.0);
-  EXPECT_LT(secs, 9.0);
-  EXPECT_TRUE(trace.has(2, "[127.0.0.1] Leave checkProgress() now-start=5 >= 5 (timeout: fail)"));
-}
-
-TEST_F(Exchange, ActiveListenerLengthensTheBudget) {
-  server.setDefault(CannedResponse::neverAnswer());
-  __atomic_store_n(&oxCIM::ListenerThreadIsActive, 1, __ATOMIC_RELAXED);
-  conn.SetExtraTimeOut(-30);  // 36 - 30 = 6 (it would be the 5 s minimum without a listener)
-  const int rc = run();
-  __atomic_store_n(&oxCIM::ListenerThreadIsActive, 0, __ATOMIC_RELAXED);
-  EXPECT_EQ(rc, 42);
-  EXPECT_TRUE(trace.has(2, "[127.0.0.1] Leave checkProgress() now-start=6 >= 6 (timeout: fail)"));
+  for (const auto& k : cases) {
+    configure(conn, k.silent ? server.port() : oxtest::FreePort());
+    __atomic_store_n(&oxCIM::ListenerThreadIsActive, k.listener ? 1 : 0, __ATOMIC_RELAXED);
+    conn.SetExtraTimeOut(k.extra);
+    const auto t0 = std::chrono::steady_clock::now();
+    const int rc = run();
+    const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    __atomic_store_n(&oxCIM::ListenerThreadIsActive, 0, __ATOMIC_RELAXED);
+    EXPECT_NE(std::find(k.rcs.begin(), k.rcs.end(), rc), k.rcs.end()) << rc;
+    EXPECT_EQ(conn.m_Info, oxCIM::NO_Connect);
+    EXPECT_EQ(conn.m_ExtraTimeOut, 0) << "extra time applies to one exchange only";
+    EXPECT_GE(secs, k.budget - 1.0);
+    EXPECT_LT(secs, k.budget + 4.0);
+    EXPECT_TRUE(trace.has(k.silent ? 2 : 4, k.traced)) << k.traced;
+  }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -252,8 +239,10 @@ TEST(ExchangeTls, PeerVerificationAndClientCertificates) {
     EXPECT_NE(std::find(k.rcs.begin(), k.rcs.end(), rc), k.rcs.end()) << rc;
     EXPECT_EQ(k.srv.requestCount(), k.requests);
     EXPECT_EQ(c.m_Info, 0u);
-    if (rc == 0) EXPECT_EQ(k.srv.requests().back().body, kRequest);
-    if (rc == 0) EXPECT_NE(findElement(c.m_ResponseTree, "INSTANCE"), nullptr);
+    if (rc == 0) {
+      EXPECT_EQ(k.srv.requests().back().body, kRequest);
+      EXPECT_NE(c.m_ResponseTree.findelement(16, 0), nullptr);
+    }
   }
 }
 
@@ -308,14 +297,13 @@ TEST_F(Progress, BudgetCompletionAndClockJumps) {
       EXPECT_EQ(std::memcmp(&before, &rec, sizeof rec), 0) << "record must stay untouched";
     } else if (k.want == 0) {
       EXPECT_NEAR(static_cast<double>(rec.last), static_cast<double>(now()), 1);
-      if (k.fixups != k.wantFixups) EXPECT_EQ(rec.start, rec.last);
+      EXPECT_TRUE(k.fixups == k.wantFixups || rec.start == rec.last) << "a restart";
     }
     const auto texts = trace.texts("checkProgress");
-    EXPECT_EQ(texts.size(), *k.traced ? 1u : 0u);
-    if (!texts.empty())
-      EXPECT_TRUE(texts[0].rfind("[cim.example] Leave checkProgress() ", 0) == 0 &&
-                  texts[0].find(k.traced) != std::string::npos)
-          << texts[0];
+    ASSERT_EQ(texts.size(), *k.traced ? 1u : 0u);
+    EXPECT_TRUE(texts.empty() || (texts[0].rfind("[cim.example] Leave checkProgress() ", 0) == 0 &&
+                                  texts[0].find(k.traced) != std::string::npos))
+        << texts[0];
   }
 }
 

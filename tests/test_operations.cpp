@@ -125,6 +125,10 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
   };
   const std::string kUnknown = "ValueToString: Unknown type of value specified\n";
   const std::string enumerated = "vol-0001=vol-0001 vol-0002=vol-0002 vol-0003=vol-0003 ";
+  auto dropIn = [&](const char* ns) {  // only the first slash splits a namespace
+    c.setCurrentClass("OXS_StorageVolume", ns);
+    return c.Imethod_DeleteClass();
+  };
   auto malformed = [](const std::string& why) {
     return "[127.0.0.1] ExtractNamedInstances() " + why +
            "\n[127.0.0.1] ExtractNamedInstances() wrong XML data\n";
@@ -136,6 +140,7 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
     int want;  // the status, or which node the result points at
     std::string lists;
     std::string errors;  // error records, one a line
+    const char* object = "root%2Fcimv2";
   };
   const Step steps[] = {
       {"op_getclass.xml", [&] { return c.Imethod_GetClass(0, 1, -1, &plist); }, "GetClass", 0,
@@ -199,11 +204,16 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
        "[127.0.0.1] ExtractInstanceNames() missing INSTANCENAME-subelement\n"},
       // Discovery borrows the container and leaves the current class alone.
       {"op_namespaces.xml", [&] { return c.getNameSpace(namespaces); }, "EnumerateInstances", 0,
-       "", ""},
+       "", "", "root%2Finterop"},
       {"op_namespaces_nokey.xml", [&] { return c.getNameSpace(partial); }, "EnumerateInstances",
-       5005, "", "[127.0.0.1] getNameSpace: KEYBINDING Name=\"??\"\n"},
+       5005, "", "[127.0.0.1] getNameSpace: KEYBINDING Name=\"??\"\n", "root%2Finterop"},
       {"op_enuminstances_empty.xml", [&] { return c.getNameSpace(none); }, "EnumerateInstances",
-       5005, "", "[127.0.0.1] getNameSpace: missing 'CIM_Namespace' or 'root/interop'\n"},
+       5005, "", "[127.0.0.1] getNameSpace: missing 'CIM_Namespace' or 'root/interop'\n",
+       "root%2Finterop"},
+      {"op_void.xml", [&] { return dropIn("root/a/b"); }, "DeleteClass", 0, "", "", "root%2Fa/b"},
+      {"op_void.xml", [&] { return dropIn("interop"); }, "DeleteClass", 0, "", "", "interop"},
+      {"op_void.xml", [&] { return dropIn("root/"); }, "DeleteClass", 0, "", "", "root"},
+      {"op_void.xml", [&] { return dropIn("/x"); }, "DeleteClass", 0, "", "", "%2Fx"},
       {"op_enumclassnames.xml",
        [&] {
          c.setCurrentClass("", nullptr);  // no class: the parameter is left out
@@ -213,7 +223,6 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
   };
   const auto wanted = Documents("ops_requests.xml");
   ASSERT_EQ(wanted.size(), sizeof(steps) / sizeof(steps[0]));
-  CIMclass* mine = c.m_pcls;
   for (size_t i = 0; i < wanted.size(); ++i) {
     const Step& s = steps[i];
     SCOPED_TRACE(std::to_string(i) + " " + s.method);
@@ -228,10 +237,9 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
       EXPECT_EQ(r, static_cast<unsigned long>(s.want));
     }
     EXPECT_EQ(body(i), wanted[i]);
-    const bool discovery = body(i).find("CIM_Namespace") != std::string::npos;
     EXPECT_EQ(srv.requests()[i].header("CIMMethod"), s.method);
-    EXPECT_EQ(srv.requests()[i].header("CIMObject"), discovery ? "root%2Finterop" : "root%2Fcimv2");
-    if (c.m_pcls == mine) EXPECT_EQ(lists(), s.lists);
+    EXPECT_EQ(srv.requests()[i].header("CIMObject"), s.object);
+    EXPECT_EQ(lists(), s.lists);
     EXPECT_EQ(Lines(traces, TRACE_ERROR), s.errors);
     EXPECT_EQ(traces.count(TRACE_ENTRY, "[127.0.0.1] Imethod_" + std::string(s.method) + "()"), 1);
     EXPECT_EQ(traces.count(TRACE_ENTRY, "[127.0.0.1]    Enter sendRequest_recvResponse()"), 1);
@@ -248,30 +256,6 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
   EXPECT_STREQ(partial.argv[0], "root/cimv2");
   EXPECT_EQ(none.argc, 0u);
   EXPECT_EQ(c.m_Classes.findClassName("CIM_Namespace", "root/interop"), nullptr);
-}
-
-// Only the first slash splits a namespace, in the path and in the CIMObject header alike.
-TEST_F(Operations, NamespaceTextsInThePathAndHeader) {
-  const struct {
-    const char* ns;
-    const char* path;
-    const char* header;
-  } cases[] = {
-      {"root/a/b", "<NAMESPACE NAME=\"root\"/>\n<NAMESPACE NAME=\"a/b\"/>\n", "root%2Fa/b"},
-      {"interop", "<NAMESPACE NAME=\"interop\"/>\n", "interop"},
-      {"root/", "<NAMESPACE NAME=\"root\"/>\n", "root"},
-      {"/x", "<NAMESPACE/>\n<NAMESPACE NAME=\"x\"/>\n", "%2Fx"},
-  };
-  for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
-    c.setCurrentClass("OXS_StorageVolume", cases[i].ns);
-    answer("op_void.xml");
-    EXPECT_EQ(c.Imethod_DeleteClass(), 0u) << cases[i].ns;
-    EXPECT_NE(body(i).find(std::string("<LOCALNAMESPACEPATH>\n") + cases[i].path +
-                           "</LOCALNAMESPACEPATH>\n<IPARAMVALUE"),
-              std::string::npos)
-        << body(i);
-    EXPECT_EQ(srv.requests()[i].header("CIMObject"), cases[i].header);
-  }
 }
 
 TEST_F(Operations, GetClassKeepsPropertyTemplateAndMethodsWithParameters) {
@@ -342,6 +326,7 @@ TEST_F(Operations, ParameterChecksFailWithoutSending) {
 // handle, with the same message and extra time; a CIM error is final.
 TEST_F(Operations, TransportFailuresAreRetriedOnce) {
   const std::string pre = "[127.0.0.1] performIntrinsicMethod: ";
+  const CannedResponse http500 = CannedResponse::http(500, "Internal Server Error");
   const struct {
     const char* what;
     std::function<void()> setUp;
@@ -351,26 +336,13 @@ TEST_F(Operations, TransportFailuresAreRetriedOnce) {
     int extra;  // extra time-out left pending
     std::string traces;
   } cases[] = {
-      {"500, then answered",
-       [&] {
-         srv.push(CannedResponse::http(500, "Internal Server Error"));
-         answer("op_void.xml");
-       },
-       0, 2, false, 0, pre + "ret=22 m_Info=0x0 loop=1\n"},
+      {"500, then answered", [&] { srv.push(http500); answer("op_void.xml"); }, 0, 2, false, 0,
+       pre + "ret=22 m_Info=0x0 loop=1\n"},
       // The handle of the last exchange is reused, the retry cannot make a new one.
-      {"500, no new handle",
-       [&] {
-         c.m_NoIPCheck = false;
-         srv.push(CannedResponse::http(500, "Internal Server Error"));
-       },
-       5004, 3, true, 5,
+      {"500, no new handle", [&] { c.m_NoIPCheck = false; srv.push(http500); }, 5004, 3, true, 5,
        pre + "ret=22 m_Info=0x0 loop=1\n" + pre + "m_Info=0x400 (NO_Connect) look=0\n"},
-      {"CIM error",
-       [&] {
-         c.m_NoIPCheck = true;
-         answer("op_error.xml");
-       },
-       6, 4, true, 0, pre + "m_Info=0x400 (NO_Connect) look=1\n"},
+      {"CIM error", [&] { c.m_NoIPCheck = true; answer("op_error.xml"); }, 6, 4, true, 0,
+       pre + "m_Info=0x400 (NO_Connect) look=1\n"},
       {"refused twice", [&] { PointAt(c, oxtest::FreePort()); }, 7, 4, true, 0,
        pre + "ret=7 m_Info=0x400 loop=1\n" + pre + "m_Info=0x400 (NO_Connect) look=0\n"},
   };
@@ -381,7 +353,7 @@ TEST_F(Operations, TransportFailuresAreRetriedOnce) {
     const auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(c.Imethod_DeleteClass(), k.want);
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (k.traces.find("loop=1") != std::string::npos) EXPECT_GE(secs, 1.9);
+    EXPECT_GE(secs, k.traces.find("loop=1") != std::string::npos ? 1.9 : 0);
     EXPECT_EQ(srv.requestCount(), k.requests);
     EXPECT_EQ((c.m_Info & NO_Connect) != 0, k.noConnect);
     EXPECT_EQ(c.m_ExtraTimeOut, k.extra);
@@ -435,16 +407,14 @@ TEST(OperationsOffline, NotOfferedMembersOnlyTrace) {
   TraceCapture traces(TRACE_ERROR);
   CIMcontainer c;
   c.m_ErrCode = 42;
-  using Member = unsigned long (CIMcontainer::*)();
+  using C = CIMcontainer;
+  using Member = unsigned long (C::*)();
   const std::pair<Member, const char*> members[] = {
-      {&CIMcontainer::Imethod_Associators, "Associators"},
-      {&CIMcontainer::Imethod_AssociatorNames, "AssociatorNames"},
-      {&CIMcontainer::Imethod_References, "References"},
-      {&CIMcontainer::Imethod_ReferenceNames, "ReferenceNames"},
-      {&CIMcontainer::Imethod_GetQualifier, "GetQualifier"},
-      {&CIMcontainer::Imethod_SetQualifier, "SetQualifier"},
-      {&CIMcontainer::Imethod_DeleteQualifier, "DeleteQualifier"},
-      {&CIMcontainer::Imethod_EnumerateQualifiers, "EnumerateQualifiers"}};
+      {&C::Imethod_Associators, "Associators"},   {&C::Imethod_AssociatorNames, "AssociatorNames"},
+      {&C::Imethod_References, "References"},     {&C::Imethod_ReferenceNames, "ReferenceNames"},
+      {&C::Imethod_GetQualifier, "GetQualifier"}, {&C::Imethod_SetQualifier, "SetQualifier"},
+      {&C::Imethod_DeleteQualifier, "DeleteQualifier"},
+      {&C::Imethod_EnumerateQualifiers, "EnumerateQualifiers"}};
   for (const auto& m : members) {
     EXPECT_EQ((c.*m.first)(), 1001u);
     EXPECT_EQ(traces.count(TRACE_ERROR,
