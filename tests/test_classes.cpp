@@ -1,6 +1,4 @@
 // Element tree, class list and argument arrays of the object model.
-#include <oxCIM.h>
-
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -8,9 +6,6 @@
 #include "TestSupport.h"
 
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 using namespace oxCIM;
 
@@ -414,11 +409,7 @@ TEST(ClassList, LookupIgnoresCaseAndDefaultsNamespace) {
 TEST(ClassList, AssignmentCopiesListsOntoHead) {
   CIMclass src, dst;
   CIMclass* n[] = {src.makeNextClass("A", "ns"), src.makeNextClass("B", "ns"), src.makeNextClass("C", "ns")};
-  auto element = [](int id) {
-    auto* e = new CIMelement();
-    e->m_Name = known_cim_elements[id];
-    return e;
-  };
+  auto element = [](int id) { return Tree(*new CIMelement(), {{id, -1}})[0]; };
   for (int i : {0, 1}) (n[i]->m_Properties = element(16))->attr_put(aClassName, n[i]->m_ClassName);
   n[0]->m_Methods = element(27);
   n[2]->m_InstanceNames = element(kInstName);
