@@ -1,6 +1,4 @@
 // Connection lifecycle, curl handle management, copying and the CIM status.
-#include <oxCIM.h>
-
 #include "TestSupport.h"
 
 #include <curl/curl.h>
@@ -8,17 +6,12 @@
 
 #include <boost/weak_ptr.hpp>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 using oxCIM::CIMconnection;
 using oxCIM::CIMelement;
 using Traces = oxtest::TraceCapture;
 
 namespace {
-
-constexpr unsigned long kAll = 2 | 4 | 16 | 0x40000000;
 
 // CIM > MESSAGE > VALUE "hello", built by hand.
 void BuildTree(CIMelement& root) {
@@ -46,14 +39,10 @@ TEST(CimStatus, FirstErrorWinsEachCallTracedWithItsOwnCodeAndOneDump) {
   c.m_Request = "<CIM/>\n";
   c.m_Header = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
   c.m_Response = "oops";
-  const struct {
-    int code;
-    const char* description;
-    const char* file;
-    int result;
-  } calls[] = {{0, "nothing", "/b/Src/x.cpp", 0}, {22, "first", "C:\\src\\oxcim\\CIMops.cpp", 22},
-               {5002, "second", "/build/Src/CIMops.cpp", 22}, {0, "zero", "a/b\\c/CIMops.cpp", 22},
-               {7, nullptr, "f.cpp", 22}, {12345, nullptr, "f.cpp", 22}};
+  const struct { int code; const char* description; const char* file; int result; } calls[] = {
+      {0, "nothing", "/b/Src/x.cpp", 0},          {22, "first", "C:\\src\\oxcim\\CIMops.cpp", 22},
+      {5002, "second", "/build/Src/CIMops.cpp", 22}, {0, "zero", "a/b\\c/CIMops.cpp", 22},
+      {7, nullptr, "f.cpp", 22},                  {12345, nullptr, "f.cpp", 22}};
   for (const auto& k : calls) EXPECT_EQ(c.SetCimStatus_FL(k.code, k.description, k.file, 5), k.result);
   EXPECT_EQ(c.ChkCimStatus(), 22);
   EXPECT_EQ(t.texts("SetCimStatus_FL"),
@@ -72,8 +61,7 @@ TEST(CimStatus, FirstErrorWinsEachCallTracedWithItsOwnCodeAndOneDump) {
   EXPECT_EQ(t.texts("Debug_Request_Response"),
             (std::vector<std::string>{"[srv1] ------ REQUEST:\n<CIM/>\n------ RESPONSE-HEADER:\n"
                                       "HTTP/1.1 500 Internal Server Error\r\n\r\n------ RESPONSE:\noops",
-                                      "[srv1] ------ REQUEST:\n------ RESPONSE-HEADER:\n"
-                                      "------ RESPONSE:\n"}));
+                                      "[srv1] ------ REQUEST:\n------ RESPONSE-HEADER:\n------ RESPONSE:\n"}));
   oxCIM::oxCIM.SetTraceMask(2 | 16);
   t.clear();
   CIMconnection quiet;
@@ -82,7 +70,7 @@ TEST(CimStatus, FirstErrorWinsEachCallTracedWithItsOwnCodeAndOneDump) {
 }
 
 TEST(CurlHandle, AddressChecksFirstThenCreatedOnceAndKeptWhileHeaderListIsDropped) {
-  Traces t(kAll);
+  Traces t(2 | 4 | 16 | 0x40000000);
   CIMconnection c;
   c.m_Host = "srv";
   c.m_HeaderList = curl_slist_append(nullptr, "X-Old: 1");
@@ -159,8 +147,7 @@ TEST(CurlHandle, DuplicateReplacesWithoutLeakingAndNullClears) {
   b.m_Host = "dup";
   ASSERT_EQ(a.initCurlHandle(), 0);
   b.duplicateCurlHandle(a.m_Curl);
-  EXPECT_NE(b.m_Curl, nullptr);
-  EXPECT_NE(b.m_Curl, a.m_Curl);
+  EXPECT_TRUE(b.m_Curl != nullptr && b.m_Curl != a.m_Curl);
   b.duplicateCurlHandle(b.m_Curl);  // duplicate of itself: the old one goes afterwards
   EXPECT_NE(b.m_Curl, nullptr);
   b.duplicateCurlHandle(nullptr);
@@ -170,10 +157,9 @@ TEST(CurlHandle, DuplicateReplacesWithoutLeakingAndNullClears) {
 
 // Every text and integer that assignment copies.
 std::string CIMconnection::* const kTexts[] = {
-    &CIMconnection::m_Host,     &CIMconnection::m_User,     &CIMconnection::m_Passwd,
-    &CIMconnection::m_Protocol, &CIMconnection::m_Port,     &CIMconnection::m_CAFile,
-    &CIMconnection::m_CertFile, &CIMconnection::m_KeyFile,  &CIMconnection::m_OSName,
-    &CIMconnection::m_ServerIP, &CIMconnection::m_FQDN,     &CIMconnection::m_LocalIP,
+    &CIMconnection::m_Host,     &CIMconnection::m_User,     &CIMconnection::m_Passwd,   &CIMconnection::m_Protocol,
+    &CIMconnection::m_Port,     &CIMconnection::m_CAFile,   &CIMconnection::m_CertFile, &CIMconnection::m_KeyFile,
+    &CIMconnection::m_OSName,   &CIMconnection::m_ServerIP, &CIMconnection::m_FQDN,     &CIMconnection::m_LocalIP,
     &CIMconnection::m_Request,  &CIMconnection::m_Header,   &CIMconnection::m_Response};
 int32_t CIMconnection::* const kInts[] = {
     &CIMconnection::m_VerifyPeer,   &CIMconnection::m_ErrCode,      &CIMconnection::m_MessageID,
@@ -206,26 +192,24 @@ void ExpectCopied(const CIMconnection& d, const CIMconnection& s) {
   EXPECT_STREQ(dm->m_Next->m_Value, "hello");
 }
 
-TEST(ConnectionAssign, WithoutHandleTargetDropsItsOwnAndSharesTheSource) {
-  CIMconnection src, dst;
-  Fill(src);
+// Without a handle the target drops its own and shares the source's; with one, chained
+// assignments give independent duplicates.
+TEST(ConnectionAssign, TargetDropsItsOwnSharesTheSourceAndChainsDuplicateTheHandle) {
+  auto src = std::make_unique<CIMconnection>();
+  Fill(*src);
+  CIMconnection dst;
   dst.m_NoIPCheck = true;
   ASSERT_EQ(dst.initCurlHandle(), 0);
   dst.m_HeaderList = curl_slist_append(nullptr, "X-Stale: 1");
   boost::weak_ptr<int32_t> oldCounter = dst.m_ErrCnt;
   boost::weak_ptr<Brix::Threading::Native_OS::CCriticalSection> oldLock = dst.m_SharedLock;
-  EXPECT_EQ(&(dst = src), &dst);
-  ExpectCopied(dst, src);
-  EXPECT_EQ(dst.m_Curl, nullptr);
-  EXPECT_EQ(dst.m_HeaderList, nullptr);
+  EXPECT_EQ(&(dst = *src), &dst);
+  ExpectCopied(dst, *src);
+  EXPECT_TRUE(dst.m_Curl == nullptr && dst.m_HeaderList == nullptr);
   EXPECT_TRUE(oldCounter.expired() && oldLock.expired());
-  *src.m_ErrCnt = 3;
+  *src->m_ErrCnt = 3;
   EXPECT_EQ(*dst.m_ErrCnt, 3);
-}
 
-TEST(ConnectionAssign, WithHandleChainsGiveIndependentDuplicates) {
-  auto src = std::make_unique<CIMconnection>();
-  Fill(*src);
   ASSERT_EQ(src->initCurlHandle(), 0);
   src->m_ErrCode = 1002;
   src->m_HeaderList = curl_slist_append(nullptr, "CIMOperation: MethodCall");
@@ -234,7 +218,7 @@ TEST(ConnectionAssign, WithHandleChainsGiveIndependentDuplicates) {
   a = b = *src;
   ExpectCopied(a, *src);
   ExpectCopied(b, *src);
-  EXPECT_EQ(src->m_ErrCnt.use_count(), 3);
+  EXPECT_EQ(src->m_ErrCnt.use_count(), 4);
   EXPECT_TRUE(a.m_Curl && b.m_Curl && a.m_Curl != b.m_Curl && a.m_Curl != src->m_Curl);
   EXPECT_NE(a.m_HeaderList, src->m_HeaderList);
   EXPECT_EQ(Headers(a.m_HeaderList), Headers(src->m_HeaderList));
