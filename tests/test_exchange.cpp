@@ -1,13 +1,9 @@
 // The request/response exchange against a real HTTP(S) server on loopback.
 #include <gtest/gtest.h>
-#include <oxCIM.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 

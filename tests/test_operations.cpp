@@ -1,14 +1,10 @@
 // Intrinsic operations: real libcurl against the in-process fake server, asserting the request
 // bytes on the wire, the traces and what lands on the current class; plus the offline corners.
-#include <oxCIM.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 
