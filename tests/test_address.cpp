@@ -1,5 +1,4 @@
 // Resolution of host names to the address texts a connection works with.
-#include <oxCIM.h>
 
 #include <gtest/gtest.h>
 

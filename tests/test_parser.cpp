@@ -1,7 +1,6 @@
 // CIM-XML reading and writing: the parser's search rules and their traps, the generator's
 // layout, and round trips through both.
 #include <gtest/gtest.h>
-#include <oxCIM.h>
 
 #include "../Src/oxInternal.h"
 #include "TestSupport.h"

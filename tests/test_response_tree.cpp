@@ -1,7 +1,6 @@
 // The response tree of an exchange: which ERROR element counts, how the previous tree is
 // replaced, and the attribute arrays the parser builds.
 #include <gtest/gtest.h>
-#include <oxCIM.h>
 
 #include <cstring>
 

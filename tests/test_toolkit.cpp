@@ -1,5 +1,4 @@
 // The toolkit: format streams, trace records and sinks, locks, fd sets.
-#include <oxCIM.h>
 
 #include <gtest/gtest.h>
 
