@@ -228,7 +228,11 @@ class Subscriptions : public ::testing::Test {
     }
     return out;
   }
-  bool listening() { return oxtest::RawExchange(port, "") != "<refused>"; }
+  bool listening() {
+    const int fd = oxtest::Connect(port);
+    if (fd >= 0) close(fd);
+    return fd >= 0;
+  }
 
   oxtest::ScriptedServer srv;
   CIMcontainer c;
@@ -291,7 +295,9 @@ TEST_F(Subscriptions, BadArgumentsAreRefusedWithoutAnyRequestAndTheDestructorSto
     EXPECT_EQ(c.ChkCimStatus(), 1001);
     c.m_ErrCode = 0;
   }
-  EXPECT_EQ(c.subscribe_check(), 1001u);  // nothing subscribed
+  TraceCapture traces(TRACE_STATUS);
+  EXPECT_EQ(c.subscribe_check(), 1001u);
+  EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check() not subscribed"));
   EXPECT_EQ(srv.connectionCount(), 0u);
   EXPECT_FALSE(listening());
   {
@@ -368,6 +374,20 @@ TEST_F(Subscriptions, ServerVariantsExistingInstancesOldSchemaAndLostSubscriptio
   EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check: re-creating CIM_IndicationSubscription"));
   EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check: restarting the listener"));
   EXPECT_TRUE(oxtest::Eventually([&] { return c.m_Listener && c.m_Listener->check_Listener(); }));
+
+  // The port taken while the listener was down: the check fails and says why.
+  c.m_Listener->stop_Listener();
+  oxCIM::CIMindication squatter;
+  squatter.pCallBack = OnIndication;
+  squatter.m_Port = port;
+  ASSERT_EQ(squatter.start_Listener(), 0);
+  ASSERT_TRUE(oxtest::Eventually([&] { return listening(); }));
+  answer("op_getinstance.xml", 3);
+  c.m_ErrCode = 0;
+  EXPECT_EQ(c.subscribe_check(), 1001u);
+  EXPECT_EQ(c.m_ErrCode, 1001);
+  EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe: port " + std::to_string(port) + " is in use"));
+  squatter.stop_Listener();
 
   // unsubscribe after the server lost the subscription: the rest still goes.
   srv.clearRequests();
