@@ -7,20 +7,18 @@
 
 #include "TestSupport.h"
 
-using oxtest::CannedResponse;
-using oxtest::ScriptedServer;
-using oxtest::TraceCapture;
+using namespace oxtest;
 
 namespace {
 
 const std::string kRequest = oxtest::ReadFixture("xchg_request.xml");
 const std::string kInstance = oxtest::ReadFixture("xchg_instance.xml");
 
-// The instance answer with `inner` in place of its return value.
-std::string Answer(const std::string& inner) {
+// The instance answer with an ERROR element of `attributes` in place of its return value.
+CannedResponse Error(const std::string& attributes) {
   std::string a = kInstance;
   const size_t b = a.find("<IRETURNVALUE>");
-  return a.replace(b, a.find("</IMETHODRESPONSE>") - b, inner);
+  return CannedResponse::cimOk(a.replace(b, a.find("</IMETHODRESPONSE>") - b, "<ERROR " + attributes + "></ERROR>"));
 }
 
 const char* const kNoCredentials =
@@ -80,6 +78,7 @@ TEST_F(Exchange, RequestWireBytesAndGoodAnswer) {
 // libcurl's own text.
 TEST_F(Exchange, AnswersAndTheirVerdicts) {
   const char* kNoData = "5001 No data received from server";  // libcurl drops an error body
+  const char* kUnparsed = "5002 Can't parse the m_Response";
   const struct {
     CannedResponse answer;
     int rc;
@@ -88,33 +87,24 @@ TEST_F(Exchange, AnswersAndTheirVerdicts) {
   } cases[] = {
       {CannedResponse::cimOk(kInstance), 0, {}, 0},
       // The ERROR element is read by attribute position: CODE first, DESCRIPTION second.
-      {CannedResponse::cimOk(Answer("<ERROR DESCRIPTION=\"NOT_FOUND\" CODE=\"6\"></ERROR>")),
-       1001, {"1001 No Description found in m_Response"}, 0},
-      {CannedResponse::cimOk(Answer("<ERROR CODE=\"0\" DESCRIPTION=\"zero\"></ERROR>")), 1001,
-       {"1001 zero"}, 0},
+      {Error("DESCRIPTION=\"NOT_FOUND\" CODE=\"6\""), 1001, {"1001 No Description found in m_Response"}, 0},
+      {Error("CODE=\"0\" DESCRIPTION=\"zero\""), 1001, {"1001 zero"}, 0},
       // A CIM code 7 is no connection failure.
-      {CannedResponse::cimOk(Answer("<ERROR CODE=\"7\"></ERROR>")), 7,
-       {"7 No Description found in m_Response"}, 0},
+      {Error("CODE=\"7\""), 7, {"7 No Description found in m_Response"}, 0},
       {CannedResponse::cimOk(""), 5001, {kNoData}, 0},
-      {CannedResponse::closeWithoutReply(), 52, {"52 *", "5002 Can't parse the m_Response"},
-       oxCIM::NO_Connect},
-      {CannedResponse::cimOk("<CIM CIMVERSION=2.0><MESSAGE></MESSAGE></CIM>"), 5002,
-       {"5002 Can't parse the m_Response"}, 0},
+      {CannedResponse::closeWithoutReply(), 52, {"52 *", kUnparsed}, oxCIM::NO_Connect},
+      {CannedResponse::cimOk("<CIM CIMVERSION=2.0><MESSAGE></MESSAGE></CIM>"), 5002, {kUnparsed}, 0},
       {With(CannedResponse::http(401, "Unauthorized"), "WWW-Authenticate", "Basic realm=\"cimom\""),
        22, {"22 *", "5000 Invalid username/password", kNoData, "10401 HTTP/1.1 401 Unauthorized"},
        oxCIM::NO_Auth},
-      {CannedResponse::http(400, "Bad Request"), 22,
-       {"22 *", kNoData, "10400 HTTP/1.1 400 Bad Request"}, 0},
+      {CannedResponse::http(400, "Bad Request"), 22, {"22 *", kNoData, "10400 HTTP/1.1 400 Bad Request"}, 0},
       {CannedResponse::http(500, "Internal Server Error", "oops"), 22,
        {"22 *", kNoData, "10500 HTTP/1.1 500 Internal Server Error"}, 0},
       // 2xx other than 200 passes libcurl's fail-on-error and reaches the status-line check.
       {CannedResponse::http(202, "Accepted", kInstance), 10202, {"10202 HTTP/1.1 202 Accepted"}, 0},
-      {With(CannedResponse::cimOk(kInstance), "CIMStatusCode", "4"), 10004,
-       {"10004 CIMStatusCode: 4"}, 0},
+      {With(CannedResponse::cimOk(kInstance), "CIMStatusCode", "4"), 10004, {"10004 CIMStatusCode: 4"}, 0},
       // An ERROR element outranks the header.
-      {With(CannedResponse::cimOk(Answer("<ERROR CODE=\"4\" DESCRIPTION=\"bad\"></ERROR>")),
-            "CIMStatusCode", "4"),
-       4, {"4 bad", "10004 CIMStatusCode: 4"}, 0},
+      {With(Error("CODE=\"4\" DESCRIPTION=\"bad\""), "CIMStatusCode", "4"), 4, {"4 bad", "10004 CIMStatusCode: 4"}, 0},
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(std::to_string(k.answer.status) + " " + k.answer.body);
@@ -167,8 +157,7 @@ TEST_F(Exchange, NothingIsSentWithoutCredentialsOrHandle) {
 TEST_F(Exchange, TransportFailuresSetNoConnect) {
   const struct {
     bool silent, listener;
-    int extra;
-    int budget;
+    int extra, budget;
     std::vector<int> rcs;  // any of them
     const char* traced;
   } cases[] = {
@@ -228,10 +217,8 @@ TEST(ExchangeTls, PeerVerificationAndClientCertificates) {
     configure(c, k.srv.port(), "https");
     c.m_CAFile = k.ca;
     c.m_VerifyPeer = k.verify;
-    if (k.cert) {
-      c.m_CertFile = pki.clientCert;
-      c.m_KeyFile = pki.clientKey;
-    }
+    c.m_CertFile = k.cert ? pki.clientCert : "";
+    c.m_KeyFile = k.cert ? pki.clientKey : "";
     char obj[] = "root/cimv2";
     const int rc = c.sendRequest_recvResponse("GetInstance", obj);
     EXPECT_NE(std::find(k.rcs.begin(), k.rcs.end(), rc), k.rcs.end()) << rc;
@@ -247,18 +234,11 @@ TEST(ExchangeTls, PeerVerificationAndClientCertificates) {
 // ---------------------------------------------------------------------------------------
 // The progress callback on its own
 
-class Progress : public ::testing::Test {
- protected:
-  oxCIM::CIMprogress rec{0, 0, 0, 18, "cim.example"};
-  static int64_t now() { return static_cast<int64_t>(std::time(nullptr)); }
-  int call(double dltotal = 0, double dlnow = 0) {
-    return oxCIM::CIMconnection::checkProgress(&rec, dltotal, dlnow, 0, 0);
-  }
-  TraceCapture trace;
-};
-
 // Rows run in order on one record. Ages are seconds before now (negative: ahead of it).
-TEST_F(Progress, BudgetCompletionAndClockJumps) {
+TEST(Progress, BudgetCompletionAndClockJumps) {
+  oxCIM::CIMprogress rec{0, 0, 0, 18, "cim.example"};
+  auto now = [] { return static_cast<int64_t>(std::time(nullptr)); };
+  TraceCapture trace;
   const struct {
     int64_t startAge, lastAge;  // start -1: not started
     uint32_t fixups;
@@ -289,7 +269,7 @@ TEST_F(Progress, BudgetCompletionAndClockJumps) {
     rec.fixups = k.fixups;
     rec.timeout = k.timeout;
     const oxCIM::CIMprogress before = rec;
-    EXPECT_EQ(call(k.dltotal, k.dlnow), k.want);
+    EXPECT_EQ(oxCIM::CIMconnection::checkProgress(&rec, k.dltotal, k.dlnow, 0, 0), k.want);
     EXPECT_EQ(rec.fixups, k.wantFixups);
     if (k.dlnow != 0 && k.dlnow == k.dltotal) {
       EXPECT_EQ(std::memcmp(&before, &rec, sizeof rec), 0) << "record must stay untouched";

@@ -9,10 +9,7 @@
 #include "TestSupport.h"
 
 using namespace oxCIM;
-using oxtest::CannedResponse;
-using oxtest::PointAt;
-using oxtest::ScriptedServer;
-using oxtest::TraceCapture;
+using namespace oxtest;
 
 namespace {
 
@@ -124,6 +121,8 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
   const std::string enumerated = "vol-0001=vol-0001 vol-0002=vol-0002 vol-0003=vol-0003 ";
   const std::string orphans = "-=vol-0001 -=vol-0002 -=vol-0003 ";  // instances without names
   const char* interop = "root%2Finterop";
+  const char* kVoid = "op_void";  // answers with no return value
+  const std::string fetched = "vol-0001=vol-0007 vol-0002=- vol-0003=- ";
   auto names = [&] { return c.Imethod_EnumerateInstanceNames(); };
   auto instances = [&] { return c.Imethod_EnumerateInstances(-1, -1, -1, -1, nullptr); };
   auto dropIn = [&](const char* ns) {  // only the first slash splits a namespace
@@ -135,7 +134,7 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
            "\n[127.0.0.1] ExtractNamedInstances() wrong XML data\n";
   };
   struct Step {
-    const char* answer;
+    const char* answer;  // data file, without .xml
     std::function<unsigned long()> call;
     const char* method;
     int want;  // the status, or which node the result points at
@@ -144,68 +143,59 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
     const char* object = "root%2Fcimv2";
   };
   const Step steps[] = {
-      {"op_getclass.xml", [&] { return c.Imethod_GetClass(0, 1, -1, &plist); }, "GetClass", 0,
-       "-= "},
-      {"op_enuminstancenames.xml", names, "EnumerateInstanceNames", Name(0),
-       "vol-0001= vol-0002=- vol-0003=- "},
-      {"op_getinstance.xml", [&] { return c.Imethod_GetInstance(name(1), 1, nullptr); },
-       "GetInstance", kInstance, "vol-0001=vol-0007 vol-0002=- vol-0003=- "},
-      {"op_getinstance.xml", [&] { return c.Imethod_GetInstance(name(1), -1, nullptr); },
-       "GetInstance", kInstance, "vol-0001=vol-0007 vol-0002=- vol-0003=- "},
-      {"op_enuminstances.xml", [&] { return c.Imethod_EnumerateInstances(-1, 0, 1, -1, nullptr); },
+      {"op_getclass", [&] { return c.Imethod_GetClass(0, 1, -1, &plist); }, "GetClass", 0, "-= "},
+      {"op_enuminstancenames", names, "EnumerateInstanceNames", Name(0), "vol-0001= vol-0002=- vol-0003=- "},
+      {"op_getinstance", [&] { return c.Imethod_GetInstance(name(1), 1, nullptr); },
+       "GetInstance", kInstance, fetched},
+      {"op_getinstance", [&] { return c.Imethod_GetInstance(name(1), -1, nullptr); },
+       "GetInstance", kInstance, fetched},
+      {"op_enuminstances", [&] { return c.Imethod_EnumerateInstances(-1, 0, 1, -1, nullptr); },
        "EnumerateInstances", Name(0), enumerated},
-      {"op_enuminstancenames.xml", names, "EnumerateInstanceNames", Name(0), enumerated},
-      {"op_void.xml", [&] { return c.Imethod_ModifyInstance(name(0), *instance(0), &plist); },
+      {"op_enuminstancenames", names, "EnumerateInstanceNames", Name(0), enumerated},
+      {kVoid, [&] { return c.Imethod_ModifyInstance(name(0), *instance(0), &plist); },
        "ModifyInstance", 0, enumerated},
-      {"op_getproperty.xml", [&] { return c.Imethod_GetProperty(name(0), "ElementName"); },
+      {"op_getproperty", [&] { return c.Imethod_GetProperty(name(0), "ElementName"); },
        "GetProperty", 0, enumerated},
-      {"op_void.xml", [&] { return c.Imethod_SetProperty(name(0), "ElementName", "archive"); },
+      {kVoid, [&] { return c.Imethod_SetProperty(name(0), "ElementName", "archive"); },
        "SetProperty", 0, enumerated},
-      {"op_void.xml", [&] { return c.Imethod_SetProperty(name(0), "ElementName", ""); },
+      {kVoid, [&] { return c.Imethod_SetProperty(name(0), "ElementName", ""); },
        "SetProperty", 0, enumerated},
-      {"op_void.xml", [&] { return c.Imethod_ExecQuery("DMTF:CQL", "OXS_DiskDrive"); },
+      {kVoid, [&] { return c.Imethod_ExecQuery("DMTF:CQL", "OXS_DiskDrive"); },
        "ExecQuery", 0, enumerated},
-      {"op_enumclasses.xml", [&] { return c.Imethod_EnumerateClasses(1, 0, -1, 1); },
+      {"op_enumclasses", [&] { return c.Imethod_EnumerateClasses(1, 0, -1, 1); },
        "EnumerateClasses", 0, enumerated},
-      {"op_void.xml", [&] { return c.Imethod_CreateClass(*cls); }, "CreateClass", 0, enumerated},
-      {"op_void.xml", [&] { return c.Imethod_ModifyClass(*cls); }, "ModifyClass", 0, enumerated},
-      {"op_createinstance.xml",
-       [&] { props[17].reference = name(0); return c.Imethod_CreateInstance(props); },
+      {kVoid, [&] { return c.Imethod_CreateClass(*cls); }, "CreateClass", 0, enumerated},
+      {kVoid, [&] { return c.Imethod_ModifyClass(*cls); }, "ModifyClass", 0, enumerated},
+      {"op_createinstance", [&] { props[17].reference = name(0); return c.Imethod_CreateInstance(props); },
        "CreateInstance", Name(3), enumerated + "vol-0042=- ", kUnknown + kUnknown + kUnknown},
-      {"op_void.xml", [&] { return c.Imethod_DeleteInstance(name(1)); }, "DeleteInstance", 0,
+      {kVoid, [&] { return c.Imethod_DeleteInstance(name(1)); }, "DeleteInstance", 0,
        "vol-0001=vol-0001 vol-0003=vol-0002 vol-0042=vol-0003 "},
       // Deleting the first name drops the whole list.
-      {"op_void.xml", [&] { return c.Imethod_DeleteInstance(name(0)); }, "DeleteInstance", 0,
-       orphans},
-      {"op_enuminstancenames.xml", names, "EnumerateInstanceNames", Name(0), enumerated},
-      {"op_error.xml", [&] { return c.Imethod_DeleteInstance(name(2)); }, "DeleteInstance", 6,
-       orphans},
-      {"op_enuminstancenames.xml", names, "EnumerateInstanceNames", Name(0), enumerated},
-      {"op_error.xml", instances, "EnumerateInstances", 0, ""},  // a failure leaves no lists
+      {kVoid, [&] { return c.Imethod_DeleteInstance(name(0)); }, "DeleteInstance", 0, orphans},
+      {"op_enuminstancenames", names, "EnumerateInstanceNames", Name(0), enumerated},
+      {"op_error", [&] { return c.Imethod_DeleteInstance(name(2)); }, "DeleteInstance", 6, orphans},
+      {"op_enuminstancenames", names, "EnumerateInstanceNames", Name(0), enumerated},
+      {"op_error", instances, "EnumerateInstances", 0, ""},  // a failure leaves no lists
       // No instances: no trace, and the earlier result is gone.
-      {"op_enuminstances_empty.xml", instances, "EnumerateInstances", 0, ""},
-      {"ops_malformed_stray.xml", instances, "EnumerateInstances", 0, "",
+      {"op_enuminstances_empty", instances, "EnumerateInstances", 0, ""},
+      {"ops_malformed_stray", instances, "EnumerateInstances", 0, "",
        malformed("missing next VALUE_NAMEDINSTANCE-element")},
-      {"ops_malformed_noinstance.xml", instances, "EnumerateInstances", 0, "",
-       malformed("missing INSTANCE-subelement")},
-      {"ops_malformed_noname.xml", instances, "EnumerateInstances", 0, "",
-       malformed("missing INSTANCENAME-subelement")},
-      {"op_void.xml", names, "EnumerateInstanceNames", 0, "",
+      {"ops_malformed_noinstance", instances, "EnumerateInstances", 0, "", malformed("missing INSTANCE-subelement")},
+      {"ops_malformed_noname", instances, "EnumerateInstances", 0, "", malformed("missing INSTANCENAME-subelement")},
+      {kVoid, names, "EnumerateInstanceNames", 0, "",
        "[127.0.0.1] ExtractInstanceNames() missing INSTANCENAME-subelement\n"},
       // Discovery borrows the container and leaves the current class alone.
-      {"op_namespaces.xml", [&] { return c.getNameSpace(namespaces); }, "EnumerateInstances", 0,
-       "", "", interop},
-      {"op_namespaces_nokey.xml", [&] { return c.getNameSpace(partial); }, "EnumerateInstances",
+      {"op_namespaces", [&] { return c.getNameSpace(namespaces); }, "EnumerateInstances", 0, "", "", interop},
+      {"op_namespaces_nokey", [&] { return c.getNameSpace(partial); }, "EnumerateInstances",
        5005, "", "[127.0.0.1] getNameSpace: KEYBINDING Name=\"??\"\n", interop},
-      {"op_enuminstances_empty.xml", [&] { return c.getNameSpace(none); }, "EnumerateInstances",
+      {"op_enuminstances_empty", [&] { return c.getNameSpace(none); }, "EnumerateInstances",
        5005, "", "[127.0.0.1] getNameSpace: missing 'CIM_Namespace' or 'root/interop'\n", interop},
-      {"op_void.xml", [&] { return dropIn("root/a/b"); }, "DeleteClass", 0, "", "", "root%2Fa/b"},
-      {"op_void.xml", [&] { return dropIn("interop"); }, "DeleteClass", 0, "", "", "interop"},
-      {"op_void.xml", [&] { return dropIn("root/"); }, "DeleteClass", 0, "", "", "root"},
-      {"op_void.xml", [&] { return dropIn("/x"); }, "DeleteClass", 0, "", "", "%2Fx"},
+      {kVoid, [&] { return dropIn("root/a/b"); }, "DeleteClass", 0, "", "", "root%2Fa/b"},
+      {kVoid, [&] { return dropIn("interop"); }, "DeleteClass", 0, "", "", "interop"},
+      {kVoid, [&] { return dropIn("root/"); }, "DeleteClass", 0, "", "", "root"},
+      {kVoid, [&] { return dropIn("/x"); }, "DeleteClass", 0, "", "", "%2Fx"},
       // No class: the parameter is left out.
-      {"op_enumclassnames.xml",
-       [&] { c.setCurrentClass("", nullptr); return c.Imethod_EnumerateClassNames(-1); },
+      {"op_enumclassnames", [&] { c.setCurrentClass("", nullptr); return c.Imethod_EnumerateClassNames(-1); },
        "EnumerateClassNames", 0, ""},
   };
   const auto wanted = Documents("ops_requests.xml");
@@ -214,7 +204,7 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
     const Step& s = steps[i];
     SCOPED_TRACE(std::to_string(i) + " " + s.method);
     TraceCapture traces;
-    answer(s.answer);
+    answer((s.answer + std::string(".xml")).c_str());
     const unsigned long r = s.call();
     if (s.want < 0) {
       EXPECT_NE(r, 0u);
@@ -233,7 +223,7 @@ TEST_F(Operations, EveryOfferedOperationOnOneConnection) {
               entry + "[127.0.0.1] Imethod_" + s.method + "()\n" +
                   "[127.0.0.1]    Enter sendRequest_recvResponse()\n" +
                   "[127.0.0.1]    Leave sendRequest_recvResponse() m_ErrCode=" +
-                  (s.answer == std::string("op_error.xml") ? "6\n" : "0\n"));
+                  (s.answer == std::string("op_error") ? "6\n" : "0\n"));
   }
   EXPECT_STREQ(c.m_ResponseTree.findelement(3, 2)->attr_find(0), "OXS_DiskDrive");
   ASSERT_EQ(namespaces.argc, 3u);  // in the server's order
@@ -277,23 +267,18 @@ TEST_F(Operations, ParameterChecksFailWithoutSending) {
     unsigned long want;
     const char* trace;
   } cases[] = {
-      {[&] { return c.Imethod_ExecQuery("WQL", ""); }, 1001,
-       "ExecQuery() missing QueryLanguage/Query"},
-      {[&] { return c.Imethod_GetProperty(nullptr, ""); }, 1001,
-       "Imethod_GetProperty() missing PropertyName"},
+      {[&] { return c.Imethod_ExecQuery("WQL", ""); }, 1001, "ExecQuery() missing QueryLanguage/Query"},
+      {[&] { return c.Imethod_GetProperty(nullptr, ""); }, 1001, "Imethod_GetProperty() missing PropertyName"},
       {[&] { return c.Imethod_SetProperty(nullptr, nullptr, "x"); }, 1001,
        "Imethod_SetProperty() missing PropertyName"},
-      {[&] { return c.Imethod_CreateClass(notAClass); }, 1001,
-       "Imethod_CreateClass() missing NewClass definition"},
+      {[&] { return c.Imethod_CreateClass(notAClass); }, 1001, "Imethod_CreateClass() missing NewClass definition"},
       {[&] { return c.Imethod_ModifyClass(notAClass); }, 1001,
        "Imethod_ModifyClass() missing ModifiedClass definition"},
       {[&] { return c.Imethod_ModifyInstance(nullptr, notAnInstance, nullptr); }, 1001,
        "Imethod_ModifyInstance() missing modifiedinstance"},
-      {[&] { return c.Imethod_GetInstance(nullptr, -1, nullptr); }, 0,
-       "addInstanceNameParam() InstanceName = NULL"},
+      {[&] { return c.Imethod_GetInstance(nullptr, -1, nullptr); }, 0, "addInstanceNameParam() InstanceName = NULL"},
       {[&] { return c.Imethod_CreateInstance(badType); }, 0, "Imethod_CreateInstance() bad Type"},
-      {[&] { return c.Imethod_CreateInstance(nullptr); }, 0,
-       "Imethod_CreateInstance() missing NewInstance definition"},
+      {[&] { return c.Imethod_CreateInstance(nullptr); }, 0, "Imethod_CreateInstance() missing NewInstance definition"},
       {[&] { c.setCurrentClass("", nullptr); return c.Imethod_DeleteClass(); }, 1001,
        "addClassNameParam() missing parameter: ClassName"},
   };
