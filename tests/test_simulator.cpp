@@ -94,11 +94,6 @@ std::string VolumeName(const std::string& id) {
          "<KEYVALUE VALUETYPE=\"string\">" + id + "</KEYVALUE></KEYBINDING></INSTANCENAME>";
 }
 
-std::string MethodCall(const std::string& method, const std::string& target, const std::string& params) {
-  return "<METHODCALL NAME=\"" + method + "\"><LOCALINSTANCEPATH>" + kCimv2 + target + "</LOCALINSTANCEPATH>" +
-         params + "</METHODCALL>\n";
-}
-
 oxCIM::_properties_ Str(const char* name, const char* value) { return {name, 1, 1, value, nullptr}; }
 const oxCIM::_properties_ kEnd{nullptr, 0, 0, nullptr, nullptr};
 
@@ -122,14 +117,12 @@ std::vector<std::string> Indications(bool clear = false) {
 
 class SimOperations : public ::testing::TestWithParam<bool> {
  protected:
-  static void SetUpTestSuite() { pki = new oxtest::TestPki(); }
-  static void TearDownTestSuite() { delete pki; }
   void SetUp() override {
-    tls = GetParam() ? pki : nullptr;
+    static const oxtest::TestPki pki;  // one for both schemes and every test
+    tls = GetParam() ? &pki : nullptr;
     server = Serve(tls);
     Point(c, server->port(), tls);
   }
-  static inline oxtest::TestPki* pki = nullptr;
   const oxtest::TestPki* tls = nullptr;
   std::unique_ptr<oxsim::CimServer> server;
   CIMcontainer c;
@@ -142,7 +135,6 @@ CIMelement* Vol(K k, const char* id) { return NameOf(k, "CIM_StorageVolume", id)
 TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
   Tree objects(oxtest::ReadFixture("sim_objects.xml"));
   Tree gone(VolumeName("vol99"));
-  CIMelement* newClass = objects.element("CLASS", 0);
   const std::string modify = oxtest::ReadFixture("sim_modify_standard.xml");
   const struct {
     const char* what;
@@ -182,8 +174,8 @@ TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
       {"GetInstance after delete: not found",
        [&](K k) { return Got(k, k.Imethod_GetInstance(gone.element("INSTANCENAME"), -1, nullptr)); }, 6,
        "CIM_ERR_NOT_FOUND", 1},
-      {"CreateClass", [&](K k) { return In(k, "OX_Pool").Imethod_CreateClass(*newClass); }, 0, "", 0},
-      {"CreateClass again: already exists", [&](K k) { return k.Imethod_CreateClass(*newClass); }, 11,
+      {"CreateClass", [&](K k) { return In(k, "OX_Pool").Imethod_CreateClass(*objects.element("CLASS")); }, 0, "", 0},
+      {"CreateClass again: already exists", [&](K k) { return k.Imethod_CreateClass(*objects.element("CLASS")); }, 11,
        "CIM_ERR_ALREADY_EXISTS", 1},
       {"ModifyClass", [&](K k) { return k.Imethod_ModifyClass(*objects.element("CLASS", 1)); }, 0, "", 0},
       {"GetClass sees it", GetClass, 0, "<PROPERTY NAME=\"Capacity\"", 1},
@@ -230,9 +222,12 @@ TEST_P(SimOperations, ExtrinsicMethodsAndLibrarySubscription) {
     std::istringstream fields(row);
     for (std::string p; std::getline(fields, p, '|');) f.push_back(p);
     f.resize(5);
-    const std::string state =
-        f[4].empty() ? "" : "<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\"><VALUE>" + f[4] + "</VALUE></PARAMVALUE>";
-    EXPECT_EQ(Post(c, "Method", MethodCall(f[2], f[3].empty() ? kSystem : VolumeName(f[3]), state)), std::stoi(f[0]));
+    const std::string state = f[4].empty() ? "" : "<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\"><VALUE>" +
+                                                      f[4] + "</VALUE></PARAMVALUE>";
+    const std::string call = "<METHODCALL NAME=\"" + f[2] + "\"><LOCALINSTANCEPATH>" + kCimv2 +
+                             (f[3].empty() ? kSystem : VolumeName(f[3])) + "</LOCALINSTANCEPATH>" + state +
+                             "</METHODCALL>\n";
+    EXPECT_EQ(Post(c, "Method", call), std::stoi(f[0])) << c.m_Response;
     std::string answer = c.m_Response;
     answer.erase(std::remove(answer.begin(), answer.end(), '\n'), answer.end());
     EXPECT_TRUE(Has(answer, f[1])) << c.m_Response;
