@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -38,8 +39,8 @@ void Point(CIMcontainer& c, int port, const oxtest::TestPki* pki = nullptr) {
 }
 
 std::unique_ptr<oxsim::CimServer> Serve(const oxtest::TestPki* pki = nullptr,
-                                        oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn()) {
-  oxsim::CimServerOptions o;
+                                        oxsim::SimRepository repo = oxsim::SimRepository::BuiltIn(),
+                                        oxsim::CimServerOptions o = {}) {
   if (pki) {
     o.http.certFile = pki->serverCert;
     o.http.keyFile = pki->serverKey;
@@ -69,10 +70,8 @@ CIMelement* NameOf(CIMcontainer& c, const char* cls, const char* id) {
 struct Tree {
   CIMelement root;
   explicit Tree(const std::string& xml) {
-    EXPECT_EQ(root.ParseCIMXML("<?xml version=\"1.0\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">" + xml +
-                               "</CIM>\n"),
-              0)
-        << xml;
+    const std::string doc = "<?xml version=\"1.0\" ?>\n<CIM CIMVERSION=\"2.0\" DTDVERSION=\"2.0\">" + xml + "</CIM>\n";
+    EXPECT_EQ(root.ParseCIMXML(doc), 0) << xml;
   }
   CIMelement* element(const char* kind, int n = 0) { return root.findelement(oxsim::ElemId(kind), n); }
 };
@@ -93,11 +92,6 @@ const std::string kSystem = "<INSTANCENAME CLASSNAME=\"CIM_ComputerSystem\"><KEY
 std::string VolumeName(const std::string& id) {
   return "<INSTANCENAME CLASSNAME=\"CIM_StorageVolume\"><KEYBINDING NAME=\"DeviceID\">"
          "<KEYVALUE VALUETYPE=\"string\">" + id + "</KEYVALUE></KEYBINDING></INSTANCENAME>";
-}
-
-std::string MethodCall(const std::string& method, const std::string& target, const std::string& params) {
-  return "<METHODCALL NAME=\"" + method + "\"><LOCALINSTANCEPATH>" + kCimv2 + target + "</LOCALINSTANCEPATH>" +
-         params + "</METHODCALL>\n";
 }
 
 oxCIM::_properties_ Str(const char* name, const char* value) { return {name, 1, 1, value, nullptr}; }
@@ -123,19 +117,16 @@ std::vector<std::string> Indications(bool clear = false) {
 
 class SimOperations : public ::testing::TestWithParam<bool> {
  protected:
-  static void SetUpTestSuite() { pki = new oxtest::TestPki(); }
-  static void TearDownTestSuite() { delete pki; }
   void SetUp() override {
-    tls = GetParam() ? pki : nullptr;
+    static const oxtest::TestPki pki;  // one for both schemes and every test
+    tls = GetParam() ? &pki : nullptr;
     server = Serve(tls);
     Point(c, server->port(), tls);
   }
-  static oxtest::TestPki* pki;
   const oxtest::TestPki* tls = nullptr;
   std::unique_ptr<oxsim::CimServer> server;
   CIMcontainer c;
 };
-oxtest::TestPki* SimOperations::pki = nullptr;
 
 // The status of an operation that hands back an object.
 unsigned long Got(K k, unsigned long object) { return object != 0 ? 0ul : k.m_ErrCode; }
@@ -144,7 +135,6 @@ CIMelement* Vol(K k, const char* id) { return NameOf(k, "CIM_StorageVolume", id)
 TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
   Tree objects(oxtest::ReadFixture("sim_objects.xml"));
   Tree gone(VolumeName("vol99"));
-  CIMelement* newClass = objects.element("CLASS", 0);
   const std::string modify = oxtest::ReadFixture("sim_modify_standard.xml");
   const struct {
     const char* what;
@@ -184,8 +174,8 @@ TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
       {"GetInstance after delete: not found",
        [&](K k) { return Got(k, k.Imethod_GetInstance(gone.element("INSTANCENAME"), -1, nullptr)); }, 6,
        "CIM_ERR_NOT_FOUND", 1},
-      {"CreateClass", [&](K k) { return In(k, "OX_Pool").Imethod_CreateClass(*newClass); }, 0, "", 0},
-      {"CreateClass again: already exists", [&](K k) { return k.Imethod_CreateClass(*newClass); }, 11,
+      {"CreateClass", [&](K k) { return In(k, "OX_Pool").Imethod_CreateClass(*objects.element("CLASS")); }, 0, "", 0},
+      {"CreateClass again: already exists", [&](K k) { return k.Imethod_CreateClass(*objects.element("CLASS")); }, 11,
        "CIM_ERR_ALREADY_EXISTS", 1},
       {"ModifyClass", [&](K k) { return k.Imethod_ModifyClass(*objects.element("CLASS", 1)); }, 0, "", 0},
       {"GetClass sees it", GetClass, 0, "<PROPERTY NAME=\"Capacity\"", 1},
@@ -223,28 +213,24 @@ TEST_P(SimOperations, EveryOfferedOperationAndItsErrors) {
 // Extrinsic methods, written by hand: return value, out parameters, effects and errors; then
 // the same through the library's subscription and method members.
 TEST_P(SimOperations, ExtrinsicMethodsAndLibrarySubscription) {
-  auto state = [](const char* n) {
-    return std::string("<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\"><VALUE>") + n + "</VALUE></PARAMVALUE>";
-  };
-  const struct {
-    const char* what;
-    std::string call;
-    int code;
-    const char* seen;
-  } cases[] = {
-      {"stop a volume", MethodCall("RequestStateChange", VolumeName("vol03"), state("3")), 0,
-       "<RETURNVALUE PARAMTYPE=\"uint32\">\n<VALUE>0</VALUE>"},
-      {"unknown state", MethodCall("RequestStateChange", VolumeName("vol03"), state("7")), 0, "<VALUE>5</VALUE>"},
-      {"device tree", MethodCall("GetStorageDeviceTree", kSystem, ""), 0,
-       "<VALUE>&lt;INSTANCE CLASSNAME=&quot;CIM_DiskDrive&quot;&gt;"},
-      {"no such method", MethodCall("Explode", kSystem, ""), 17, "CIM_ERR_METHOD_NOT_FOUND"},
-      {"no such instance", MethodCall("RequestStateChange", VolumeName("vol77"), state("2")), 6, "CIM_ERR_NOT_FOUND"},
-      {"parameter missing", MethodCall("RequestStateChange", VolumeName("vol03"), ""), 4, "RequestedState missing"},
-  };
-  for (const auto& t : cases) {
-    SCOPED_TRACE(t.what);
-    EXPECT_EQ(Post(c, "Method", t.call), t.code) << c.m_Response;
-    EXPECT_TRUE(Has(c.m_Response, t.seen)) << c.m_Response;
+  // sim_methods.txt: "status|the answer holds (line breaks left out)|method|volume, or none for the
+  // system|requested state, or none".
+  std::istringstream rows(oxtest::ReadFixture("sim_methods.txt"));
+  for (std::string row; std::getline(rows, row);) {
+    SCOPED_TRACE(row);
+    std::vector<std::string> f;
+    std::istringstream fields(row);
+    for (std::string p; std::getline(fields, p, '|');) f.push_back(p);
+    f.resize(5);
+    const std::string state = f[4].empty() ? "" : "<PARAMVALUE NAME=\"RequestedState\" PARAMTYPE=\"uint16\"><VALUE>" +
+                                                      f[4] + "</VALUE></PARAMVALUE>";
+    const std::string call = "<METHODCALL NAME=\"" + f[2] + "\"><LOCALINSTANCEPATH>" + kCimv2 +
+                             (f[3].empty() ? kSystem : VolumeName(f[3])) + "</LOCALINSTANCEPATH>" + state +
+                             "</METHODCALL>\n";
+    EXPECT_EQ(Post(c, "Method", call), std::stoi(f[0])) << c.m_Response;
+    std::string answer = c.m_Response;
+    answer.erase(std::remove(answer.begin(), answer.end(), '\n'), answer.end());
+    EXPECT_TRUE(Has(answer, f[1])) << c.m_Response;
   }
   // The stop shows in the model.
   EXPECT_NE(c.Imethod_GetProperty(NameOf(c, "CIM_StorageVolume", "vol03"), "OperationalStatus"), 1u);
@@ -442,18 +428,16 @@ TEST(SimServer, BoundsAndPromptStop) {
   oxsim::CimServerOptions small;
   small.http.threads = 1;
   small.http.maxConnections = 2;
-  oxsim::CimServer limited(small);
-  std::string error;
-  ASSERT_TRUE(limited.start(error)) << error;
-  const int first = oxtest::Connect(limited.port()), second = oxtest::Connect(limited.port());
+  const auto limited = Serve(nullptr, oxsim::SimRepository::BuiltIn(), small);
+  const int first = oxtest::Connect(limited->port()), second = oxtest::Connect(limited->port());
   ASSERT_TRUE(first >= 0 && second >= 0);
-  const int third = oxtest::Connect(limited.port(), 5);
+  const int third = oxtest::Connect(limited->port(), 5);
   ASSERT_GE(third, 0);
   EXPECT_EQ(oxtest::ReadAll(third), "");  // closed without a word, long before the time-out
   for (int fd : {third, first, second}) close(fd);
   // Once they are gone, requests are served again.
   EXPECT_TRUE(oxtest::Eventually([&] {
-    return oxtest::RawExchange(limited.port(), "GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
+    return oxtest::RawExchange(limited->port(), "GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
                .rfind("HTTP/1.1 405", 0) == 0;
   }));
 }
@@ -564,33 +548,28 @@ TEST(SimulatorLoad, EightClientsMixedOperations) {
       const std::string mine = "load-" + std::to_string(t);
       Tree own(VolumeName(mine));
       for (int n = 0; n < kOps; ++n) {
-        bool ok = false;
         const std::string id = "vol" + std::string(n % 12 < 9 ? "0" : "") + std::to_string(n % 12 + 1);
         const std::string value = std::to_string(n);
         oxCIM::_properties_ p[] = {Str("DeviceID", mine.c_str()), kEnd};
         Tree name(VolumeName(id));
-        switch (n % 5) {
-          case 0:
-            ok = In(c, "CIM_DiskDrive").Imethod_EnumerateInstanceNames() != 0 &&
-                 Count(c.m_Response, "<INSTANCENAME ") == 4;
-            break;
-          case 1:
-            ok = c.Imethod_GetInstance(name.element("INSTANCENAME"), -1, nullptr) != 0 &&
-                 Count(c.m_Response, "<VALUE>" + id + "</VALUE>") == 1;
-            break;
-          case 2:
-            ok = In(c, "CIM_StorageVolume").Imethod_CreateInstance(p) != 0;
-            break;
-          case 3:
-            ok = c.Imethod_SetProperty(own.element("INSTANCENAME"), "ElementName", value.c_str()) == 0 &&
-                 c.Imethod_GetProperty(own.element("INSTANCENAME"), "ElementName") == 0 &&
-                 Count(c.m_Response, "<VALUE>" + value + "</VALUE>") == 1;
-            break;
-          case 4:
-            ok = c.Imethod_DeleteInstance(NameOf(c, "CIM_StorageVolume", mine.c_str())) == 0;
-            break;
-        }
-        if (!ok) ++wrong;
+        const std::function<bool()> ops[] = {
+            [&] {
+              return In(c, "CIM_DiskDrive").Imethod_EnumerateInstanceNames() != 0 &&
+                     Count(c.m_Response, "<INSTANCENAME ") == 4;
+            },
+            [&] {
+              return c.Imethod_GetInstance(name.element("INSTANCENAME"), -1, nullptr) != 0 &&
+                     Count(c.m_Response, "<VALUE>" + id + "</VALUE>") == 1;
+            },
+            [&] { return In(c, "CIM_StorageVolume").Imethod_CreateInstance(p) != 0; },
+            [&] {
+              return c.Imethod_SetProperty(own.element("INSTANCENAME"), "ElementName", value.c_str()) == 0 &&
+                     c.Imethod_GetProperty(own.element("INSTANCENAME"), "ElementName") == 0 &&
+                     Count(c.m_Response, "<VALUE>" + value + "</VALUE>") == 1;
+            },
+            [&] { return c.Imethod_DeleteInstance(NameOf(c, "CIM_StorageVolume", mine.c_str())) == 0; },
+        };
+        if (!ops[n % 5]()) ++wrong;
       }
     });
   for (auto& th : clients) th.join();

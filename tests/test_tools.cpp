@@ -166,32 +166,23 @@ const Args kPw = {"OXCIM_PASSWORD=pw"};
 
 // --- reading: every command in every format ----------------------------------------
 
+// tool_read.txt: one line per command, "the operation in the raw answer|args...".
 TEST(ToolRead, EveryFormatOfEveryReadCommand) {
-  const struct {
-    Args args;
-    const char* method;  // the operation in the raw answer
-  } cases[] = {
-      {{"namespaces"}, "EnumerateInstances"},
-      {{"classes"}, "EnumerateClassNames"},
-      {{"get-class", "CIM_StorageVolume"}, "GetClass"},
-      {{"enumerate", "CIM_StorageVolume"}, "EnumerateInstances"},
-      {{"names", "CIM_DiskDrive"}, "EnumerateInstanceNames"},
-      {{"get-instance", "CIM_StorageVolume", "DeviceID=vol03"}, "GetInstance"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[0]);
-    const std::string expected = "tool_read_" + c.args[0];
-    const Result text = Oxcim(Sim(c.args));
+  for (const std::string& line : Lines(oxtest::ReadFixture("tool_read.txt"))) {
+    SCOPED_TRACE(line);
+    const Args row = Split(line, '|'), args(row.begin() + 1, row.end());
+    const std::string expected = "tool_read_" + args[0];
+    const Result text = Oxcim(Sim(args));
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.err, "");
     EXPECT_EQ(text.out, oxtest::ReadFixture(expected + ".txt"));
-    const Result js = Oxcim(Sim(With(c.args, {"--format", "json"})));
+    const Result js = Oxcim(Sim(With(args, {"--format", "json"})));
     EXPECT_EQ(js.status, 0) << js.err;
     EXPECT_EQ(Parsed(js.out), Parsed(oxtest::ReadFixture(expected + ".json")));
-    const Result xml = Oxcim(Sim(With(c.args, {"--format", "xml"})));
+    const Result xml = Oxcim(Sim(With(args, {"--format", "xml"})));
     EXPECT_EQ(xml.status, 0) << xml.err;
     EXPECT_EQ(xml.out.rfind("<?xml", 0), 0u) << xml.out;
-    EXPECT_TRUE(Has(xml.out, std::string("<IMETHODRESPONSE NAME=\"") + c.method + "\""));
+    EXPECT_TRUE(Has(xml.out, std::string("<IMETHODRESPONSE NAME=\"") + row[0] + "\""));
   }
 }
 
@@ -298,55 +289,47 @@ TEST(ToolFailures, OneLineNamingWhatWentWrong) {
 
 // --- targets ------------------------------------------------------------------------
 
-TEST(ToolTarget, UrlFromTheEnvironmentAndOptionsOverIt) {
-  oxsim::ScriptedServer srv;
-  srv.setDefault(oxsim::CannedResponse::cimOk(oxtest::ReadFixture("tool_classnames.xml")));
-  const Args env = {"OXCIM_URL=http://alice@127.0.0.1:" + std::to_string(srv.port()) + "/vendor/x",
-                    "OXCIM_PASSWORD=s3"};
-  EXPECT_EQ(Oxcim({"classes"}, env).status, 0);
-  EXPECT_EQ(Oxcim({"--user", "bob", "-n", "interop", "classes"}, env).status, 0);
-  const auto reqs = srv.requests();
-  ASSERT_EQ(reqs.size(), 2u);
-  EXPECT_EQ(reqs[0].header("Authorization"), "Basic YWxpY2U6czM=");  // alice:s3
-  EXPECT_EQ(reqs[0].header("CIMObject"), "vendor%2Fx");
-  EXPECT_EQ(reqs[1].header("Authorization"), "Basic Ym9iOnMz");  // bob:s3
-  EXPECT_EQ(reqs[1].header("CIMObject"), "interop");
-}
-
-TEST(ToolTarget, HttpsVerifiesTheServerAndSendsTheClientCertificate) {
+// Verified by default, with the client's certificate; then the URL and password from the
+// environment, with options over them.
+TEST(ToolTarget, HttpsAndTheUrlFromTheEnvironment) {
   oxsim::TestPki pki;
   oxsim::ScriptedServer::Options tls;
   tls.tls = &pki;
   tls.requireClientCert = true;
   oxsim::ScriptedServer srv(tls);
   srv.setDefault(oxsim::CannedResponse::cimOk(oxtest::ReadFixture("tool_classnames.xml")));
-  const Args at = {"--url", "https://ops@127.0.0.1:" + std::to_string(srv.port()), "classes"};
+  const std::string host = "127.0.0.1:" + std::to_string(srv.port()), at = "https://ops@" + host;
   const Args client = {"--cert", pki.clientCert, "--key", pki.clientKey};
+  const Args trusted = With({"--cafile", pki.caFile}, client);
+  const Args env = {"OXCIM_URL=https://alice@" + host + "/vendor/x", "OXCIM_PASSWORD=s3"};
   const struct {
-    Args args;
+    Args args, env;
     int status;
     std::string says;
   } cases[] = {
-      {With({"--cafile", pki.caFile}, client), 0, ""},
-      {With({"--cafile", pki.otherCaFile}, client), 1, "(curl 60)"},  // verified by default
-      {With({"--cafile", pki.otherCaFile, "--insecure"}, client), 0, ""},
-      {{"--cafile", pki.caFile}, 1, "(curl "},  // without the certificate the handshake ends
+      {With({"--url", at}, trusted), kPw, 0, ""},
+      {With({"--url", at, "--cafile", pki.otherCaFile}, client), kPw, 1, "(curl 60)"},
+      {With({"--url", at, "--cafile", pki.otherCaFile, "--insecure"}, client), kPw, 0, ""},
+      {{"--url", at, "--cafile", pki.caFile}, kPw, 1, "(curl "},  // without the certificate the handshake ends
+      {trusted, env, 0, ""},
+      {With({"--user", "bob", "-n", "interop"}, trusted), env, 0, ""},
   };
   for (const auto& c : cases) {
-    const Result r = Oxcim(With(at, c.args), kPw);
+    const Result r = Oxcim(With(c.args, {"classes"}), c.env);
     EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_EQ(r.out, c.status == 0 ? "A\n" : "");
     EXPECT_EQ(Lines(r.err).size(), c.status == 0 ? 0u : 1u) << r.err;
     EXPECT_TRUE(Has(r.err, c.says)) << r.err;
   }
+  const auto reqs = srv.requests();
+  ASSERT_EQ(reqs.size(), 4u);
+  EXPECT_EQ(reqs[2].header("Authorization"), "Basic YWxpY2U6czM=");  // alice:s3
+  EXPECT_EQ(reqs[2].header("CIMObject"), "vendor%2Fx");
+  EXPECT_EQ(reqs[3].header("Authorization"), "Basic Ym9iOnMz");  // bob:s3
+  EXPECT_EQ(reqs[3].header("CIMObject"), "interop");
 }
 
 // --- long-running commands ----------------------------------------------------------
-
-std::string Post(int port, const std::string& body) {
-  return oxtest::RawExchange(port, "POST /cimlistener HTTP/1.1\r\nContent-Type: application/xml\r\n"
-                                   "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-}
 
 void ExpectAlert(const std::string& line, const char* property, const char* message) {
   const json j = Parsed(line);
@@ -361,8 +344,11 @@ TEST(ToolIndications, ListenPrintsEachIndicationUntilInterrupted) {
   ASSERT_GT(c.pid, 0);
   std::string err, out;
   ASSERT_TRUE(Drain(c.err, err, 20, [&] { return Has(err, "listening"); })) << err;
+  const std::string alert = oxtest::ReadFixture("tool_indication.xml");
+  const std::string post = "POST /cimlistener HTTP/1.1\r\nContent-Type: application/xml\r\nContent-Length: " +
+                           std::to_string(alert.size()) + "\r\n\r\n" + alert;
   for (int n = 0; n < 2; ++n)
-    EXPECT_EQ(Post(port, oxtest::ReadFixture("tool_indication.xml")).rfind("HTTP/1.1 200", 0), 0u);
+    EXPECT_EQ(oxtest::RawExchange(port, post).rfind("HTTP/1.1 200", 0), 0u);
   ASSERT_TRUE(Drain(c.out, out, 20, [&] { return Lines(out).size() >= 2; })) << out;
   for (const std::string& line : Lines(out)) ExpectAlert(line, "Message", "disk & shelf");
   EXPECT_EQ(Interrupt(c), 0);
@@ -405,8 +391,10 @@ std::string Volume(const std::string& id) {
 }
 
 // The simulator alone serves other clients, reached by URL: built in, or a snapshot of a
-// live one that went through an instance's life cycle and a method call.
-TEST(ToolLive, ServeTheSimulatorOrASnapshotAfterALifeCycle) {
+// live one that went through an instance's life cycle and a method call. Then a real
+// subscription: the server delivers to the client's listener, and nothing of the
+// subscription is left on the server once the client was interrupted.
+TEST(ToolLive, ServeASnapshotAfterALifeCycleAndSubscribe) {
   Child server;
   const std::string url = Serve(server, {"--simulator", "serve"});
   ASSERT_NE(url, "");
@@ -440,12 +428,7 @@ TEST(ToolLive, ServeTheSimulatorOrASnapshotAfterALifeCycle) {
   }
   EXPECT_EQ(Interrupt(server), 0);
   std::filesystem::remove_all(dir);
-}
 
-// A real subscription: the server delivers to the client's listener, and nothing of the
-// subscription is left on the server once the client was interrupted.
-TEST(ToolLive, SubscribeReceivesAnIndicationAndUnsubscribes) {
-  LiveServer live;
   Child c;
   std::string err, out;
   // A port found free can be taken by a parallel test before the child binds it: try again.
