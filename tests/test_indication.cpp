@@ -295,6 +295,18 @@ TEST_F(Subscriptions, BadArgumentsAreRefusedWithoutAnyRequestAndTheDestructorSto
     EXPECT_EQ(c.ChkCimStatus(), 1001);
     c.m_ErrCode = 0;
   }
+  // The port taken: refused before anything is sent.
+  {
+    oxCIM::CIMindication squatter;
+    squatter.pCallBack = OnIndication;
+    squatter.m_Port = port;
+    ASSERT_EQ(squatter.start_Listener(), 0);
+    ASSERT_TRUE(oxtest::Eventually([&] { return listening(); }));
+    c.m_LocalIP = "127.0.0.1";
+    EXPECT_EQ(c.subscribe(q, nullptr, nullptr, port, OnIndication), 1001u);
+    EXPECT_EQ(c.ChkCimStatus(), 1001);
+    squatter.stop_Listener();
+  }
   TraceCapture traces(TRACE_STATUS);
   EXPECT_EQ(c.subscribe_check(), 1001u);
   EXPECT_TRUE(traces.has(TRACE_STATUS, "[127.0.0.1] subscribe_check() not subscribed"));
