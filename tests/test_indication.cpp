@@ -88,6 +88,7 @@ TEST_F(Methods, CallOnInstanceAndOnClassWritesTypedParametersAndReadsTheAnswer) 
   EXPECT_EQ(c.getOutParameter("Missing"), nullptr);
   std::unique_ptr<CIMelement> jobParam(c.takeOutParameter("Job"));  // survives the next call
   ASSERT_NE(jobParam, nullptr);
+  EXPECT_EQ(jobParam->m_Parent, nullptr);  // no link into the tree the next call frees
   EXPECT_EQ(c.getOutParameter("Job"), nullptr);
   CIMelement* job = jobParam->findelement(17, 0);
   ASSERT_NE(job, nullptr);
@@ -143,6 +144,11 @@ TEST_F(Methods, RetriedOnceWithTheSameMessageThenNoConnectAndDump) {
   EXPECT_GT(lastDump, log.find("(NO_Connect) look=0"));
   EXPECT_THAT(log.substr(lastDump), HasSubstr("503 Service Unavailable"));
   EXPECT_EQ(c.m_Request, "");
+
+  // A CIM error is the server's answer, not a failed transfer: no retry.
+  answer("op_error.xml");
+  EXPECT_EQ(c.performExtrinsicMethod("Reset", vol, nullptr), 6u);
+  EXPECT_EQ(srv.requestCount(), 5u);
 }
 
 TEST_F(Methods, StorageDeviceTreeLandsOnTheCurrentClass) {
@@ -428,6 +434,13 @@ TEST_F(Subscriptions, UnsubscribeAllRemovesWhatPointsAtThisHost) {
       EXPECT_EQ(reqs[i].body.find("10.1.1.9"), std::string::npos) << i;
     }
   }
+  // The subscriptions cannot be listed: our destination still goes, and that failure is the verdict.
+  srv.clearRequests();
+  script({ok("ind_x_destinations.xml"), Error(5), Error(8)});
+  answer("op_void.xml");
+  EXPECT_EQ(c.unsubscribe_all(), 8u);
+  EXPECT_EQ(wire(4), "EnumerateInstances CIM_ListenerDestinationCIMXML\nEnumerateInstances CIM_IndicationHandlerCIMXML\n"
+                     "EnumerateInstanceNames CIM_IndicationSubscription\nDeleteInstance CIM_ListenerDestinationCIMXML\n");
   EXPECT_EQ(c.m_pcls, c.m_Classes.findClassName("OXS_StorageVolume", nullptr));
 }
 
