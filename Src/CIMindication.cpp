@@ -730,13 +730,6 @@ unsigned long StartListener(CIMcontainer& c, CIMcontainer::Subscription& s) {
     s.listener = nullptr;
     return 1001;
   }
-  // The socket is bound on the listener's own thread: wait until it accepts, so an
-  // indication sent as soon as the subscription exists is not refused.
-  // A listener that could not bind has cleared its callback.
-  for (int i = 0; i < 300 && PortFree(s.port) &&
-                  __atomic_load_n(&s.listener->pCallBack, __ATOMIC_SEQ_CST) != nullptr;
-       ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   c.m_Listener = s.listener;
   return 0;
 }

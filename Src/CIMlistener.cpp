@@ -70,6 +70,7 @@ struct ListenerState {
   std::condition_variable cv;
   std::atomic<bool> stopping{false};
   bool finished = false;  // the listener thread and every reader have returned
+  bool ready = false;     // the port accepts, or the listener has given up
   int readers = 0;        // readers started by this listener and not yet returned
   int touching = 0;       // of those, the ones that may still read the object
   // Connections of the readers in flight. A reader takes its socket out before it
@@ -490,6 +491,11 @@ int acceptLoop(CIMindication* self, const std::shared_ptr<ListenerState>& st) {
     LISTENER_TRACE(TRACE_ERROR, "listenerThread: listen");
     return fd;
   }
+  {
+    std::lock_guard<std::mutex> lock(st->mu);
+    st->ready = true;
+  }
+  st->cv.notify_all();
   while (loadSocket(self) != -1) {
     bool woken = false;
     int r = waitReadable(fd, st->wake[0], kPollPeriod, &woken);
@@ -561,6 +567,12 @@ int CIMindication::start_Listener() {
     return 1001;
   }
   pthread_detach(tid);
+  {
+    // The thread binds the port: return once it accepts or has given up, so that a
+    // peer the caller tells about the port right away is not refused.
+    std::unique_lock<std::mutex> lock(st->mu);
+    st->cv.wait_for(lock, std::chrono::seconds(3), [&] { return st->ready; });
+  }
   OX_TRACE(TRACE_STATUS, "start_Listener: Listener-Thread started\n");
   return 0;
 }
@@ -669,6 +681,8 @@ void* CIMindication::listenerThread(void* owner) {
       close(fd);
     }
     st->shutDownReaders();
+    st->ready = true;
+    st->cv.notify_all();
     st->cv.wait(lock, [&] { return st->touching == 0; });
     // The last touch of the object by any thread of this listener.
     __atomic_store_n(&self->pCallBack, nullptr, __ATOMIC_SEQ_CST);

@@ -632,8 +632,7 @@ int Listen(const std::string& format, int port) {
   listener.pCallBack = OnIndication;
   listener.m_Port = port;
   if (listener.start_Listener() != 0) throw SetupError{"cannot start the indication listener"};
-  // The listener thread gives up quietly when it cannot bind; give it a moment to try.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // It returns once the port accepts or the thread has given up.
   if (!listener.check_Listener()) {
     listener.stop_Listener();
     throw SetupError{"cannot listen on port " + std::to_string(port)};
