@@ -336,24 +336,29 @@ struct TypedValues {
     }
   }
 
+  // Name, type, count and value of one property or parameter record; a reference's value is
+  // left to the caller, as the two records carry it differently.
+  template <typename Record>
+  Record Common(const Assignment& a) {
+    Record r{};
+    texts.push_back(a.name);
+    r.name = texts.back().c_str();
+    r.type = static_cast<uint32_t>(TypeId(a.type)) | (a.array ? 0x100u : 0u);
+    r.count = a.type == "reference" ? 1 : a.items.size();
+    if (a.type != "reference" && !a.null) r.value = Values(a);
+    return r;
+  }
+
   // The records of a new instance, ended by a null name.
   std::vector<oxCIM::_properties_> Properties(const std::vector<Assignment>& props) {
     std::vector<oxCIM::_properties_> records;
     for (const Assignment& a : props) {
-      oxCIM::_properties_ r{};
-      texts.push_back(a.name);
-      r.name = texts.back().c_str();
-      r.type = static_cast<uint32_t>(TypeId(a.type)) | (a.array ? 0x100u : 0u);
-      r.count = a.items.size();
+      auto r = Common<oxCIM::_properties_>(a);
       if (a.type == "reference") {
         texts.push_back(a.refs[0].className);
         r.value = texts.back().c_str();
-        refs.emplace_back();
-        BuildInstanceName(&refs.back(), a.refs[0]);
+        BuildInstanceName(&refs.emplace_back(), a.refs[0]);
         r.reference = &refs.back();
-        r.count = 1;
-      } else if (!a.null) {
-        r.value = Values(a);
       }
       records.push_back(r);
     }
@@ -365,18 +370,8 @@ struct TypedValues {
   std::vector<oxCIM::_paramvalue_> Parameters(const std::vector<Assignment>& params) {
     std::vector<oxCIM::_paramvalue_> records;
     for (const Assignment& a : params) {
-      oxCIM::_paramvalue_ r{};
-      texts.push_back(a.name);
-      r.name = texts.back().c_str();
-      r.type = static_cast<uint32_t>(TypeId(a.type)) | (a.array ? 0x100u : 0u);
-      r.count = a.items.size();
-      if (a.type == "reference") {
-        refs.emplace_back();
-        r.value = BuildInstanceName(&refs.back(), a.refs[0]);
-        r.count = 1;
-      } else if (!a.null) {
-        r.value = Values(a);
-      }
+      auto r = Common<oxCIM::_paramvalue_>(a);
+      if (a.type == "reference") r.value = BuildInstanceName(&refs.emplace_back(), a.refs[0]);
       records.push_back(r);
     }
     records.push_back(oxCIM::_paramvalue_{});
