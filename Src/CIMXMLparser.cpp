@@ -14,12 +14,17 @@
 #include "oxInternal.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace oxCIM {
 namespace codec {
@@ -168,7 +173,123 @@ inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
 // The close-tag search of the exact engine: FindUnquoted for the element name, except that
 // only occurrences right behind "<" or "</" are returned. The others change nothing there:
 // the search just goes on behind them, and as a name holds no quote and no "<", no
-// quote, comment or tag can start inside one.
+// quote, comment or tag can start inside one. The search reads every byte of the content
+// of every element once per level above it, so it looks at 32 bytes at a time, as bit
+// masks of the bytes that can stop it.
+inline bool NameAt(const char* m, const char* name, size_t nlen) {
+  for (size_t i = 0; i < nlen; ++i)  // stops at a NUL in m, which no name holds
+    if (m[i] != name[i]) return false;
+  return true;
+}
+
+#if defined(__SSE2__)
+struct StopBits {
+  uint32_t lt, dq, sq, nul;
+  uint32_t tags;  // the "<" that may open "<NAME" or "</NAME" (judged on three letters) or "<!"
+};
+// An aligned block never crosses a page, so reading the whole block that holds the
+// terminating NUL cannot fault; the sanitizers would still call the bytes behind it an
+// overflow (or a race with their owner), so they are told to look away here.
+__attribute__((no_sanitize("address", "thread"))) inline StopBits BlockStops(const char* block,
+                                                                             const char* name) {
+  const __m128i a = _mm_load_si128(reinterpret_cast<const __m128i*>(block));
+  const __m128i b = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 16));
+  auto bits = [&](char c) {
+    const __m128i v = _mm_set1_epi8(c);
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, v))) |
+           static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, v))) << 16;
+  };
+  const uint32_t lt = bits('<');
+  const uint32_t n0 = bits(name[0]);
+  const uint32_t n1 = name[1] == 0 ? ~uint32_t{0} : bits(name[1]);
+  const uint32_t n2 = name[1] == 0 || name[2] == 0 ? ~uint32_t{0} : bits(name[2]);
+  // Bit i of x >> k tells about byte i + k; the last four bytes' tests need the next
+  // block, so their "<" are always kept.
+  const uint32_t open = (n0 >> 1) & (n1 >> 2) & (n2 >> 3);
+  const uint32_t tags = lt & (open | ((bits('/') >> 1) & (open >> 1)) | (bits('!') >> 1) | 0xF0000000u);
+  return {lt, bits('"'), bits('\''), bits(0), tags};
+}
+
+// Bit i set: an odd number of the bits up to and including i are set.
+inline uint32_t PrefixParity(uint32_t x) {
+  x ^= x << 1;
+  x ^= x << 2;
+  x ^= x << 4;
+  x ^= x << 8;
+  x ^= x << 16;
+  return x;
+}
+
+char* FindTagName(char* p, const char* name, size_t nlen) {
+  for (;;) {  // once per start at p: first, and after a comment
+    char* base = reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t{31});
+    uint32_t from = ~uint32_t{0} << (p - base);  // the bits at and after the cursor
+    StopBits b = BlockStops(base, name);
+    char quote = 0;
+    for (;;) {
+      if (quote != '\'' && (b.sq & from) == 0) {
+        // No apostrophe: the quotes pair up in order, so what they enclose is one mask.
+        const uint32_t quotes = b.dq & from;
+        uint32_t inside = quotes == 0 ? 0 : PrefixParity(quotes);
+        if (quote == '"') inside = ~inside;
+        const uint32_t nul = b.nul & from;
+        uint32_t tags = b.tags & from & ~inside;
+        if (nul != 0) tags &= (nul & (~nul + 1)) - 1;
+        while (tags != 0) {
+          char* s = base + __builtin_ctz(tags);
+          tags &= tags - 1;
+          if (s[1] == '!' && s[2] == '-' && s[3] == '-') {
+            p = std::strstr(s + 4, "-->");
+            if (p == nullptr) return nullptr;
+            p += 3;
+            goto restart;
+          }
+          char* m = s + (s[1] == '/' ? 2 : 1);
+          if (NameAt(m, name, nlen)) return m;
+        }
+        if (nul != 0) return nullptr;
+        quote = (inside >> 31) != 0 ? '"' : 0;
+        base += 32;
+        from = ~uint32_t{0};
+        b = BlockStops(base, name);
+        continue;
+      }
+      // One stop at a time while an apostrophe is near.
+      uint32_t cand = quote == 0 ? (b.lt | b.dq | b.sq | b.nul)
+                                 : ((quote == '"' ? b.dq : b.sq) | b.nul);
+      cand &= from;
+      if (cand == 0) {
+        base += 32;
+        from = ~uint32_t{0};
+        b = BlockStops(base, name);
+        continue;
+      }
+      const unsigned i = static_cast<unsigned>(__builtin_ctz(cand));
+      from = i == 31 ? 0 : ~uint32_t{0} << (i + 1);
+      char* s = base + i;
+      const char c = *s;
+      if (c == 0) return nullptr;
+      if (quote != 0) {  // the closing one
+        quote = 0;
+        continue;
+      }
+      if (c != '<') {
+        quote = c;
+        continue;
+      }
+      if (s[1] == '!' && s[2] == '-' && s[3] == '-') {
+        p = std::strstr(s + 4, "-->");
+        if (p == nullptr) return nullptr;
+        p += 3;
+        break;
+      }
+      char* m = s + (s[1] == '/' ? 2 : 1);
+      if (NameAt(m, name, nlen)) return m;
+    }
+  restart:;
+  }
+}
+#else
 char* FindTagName(char* p, const char* name, size_t nlen) {
   for (;;) {
     while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
@@ -187,10 +308,103 @@ char* FindTagName(char* p, const char* name, size_t nlen) {
       continue;
     }
     char* m = p + (p[1] == '/' ? 2 : 1);
-    if (std::strncmp(m, name, nlen) == 0) return m;
+    if (NameAt(m, name, nlen)) return m;
     ++p;
   }
 }
+#endif
+
+// The stops of the close-tag search, found once. The exact engine searches the content of
+// every element again for each level above it; but two searches that stand outside any
+// quote or comment at the same place see the same stops from there on. So one scan from
+// the first content records every "<" it stops at (with the first letter of the name
+// behind it) and every stretch it skipped inside quotes and comments; a later search that
+// starts outside those stretches walks the recorded "<" with that letter instead of the
+// text. The exact engine only ever writes NULs behind its cursor, except where it ends the
+// content it recurses into, so the first NUL such a search meets is the end of that
+// content (`limit`).
+class TagIndex {
+ public:
+  // Records the stops of a scan from `from` to the NUL that ends `text`.
+  bool Build(const char* text, const char* from, size_t size) {
+    if (size >= UINT32_MAX) return false;
+    m_Text = text;
+    m_From = static_cast<uint32_t>(from - text);
+    m_Skipped.assign(size / 8 + 1, 0);
+    m_First.assign(size / kBlock + 2, 0);
+    const char* p = from;
+    for (;;) {
+      while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
+      const char c = *p;
+      if (c == 0) break;
+      const char* resume;
+      if (c == '"' || c == '\'') {
+        resume = std::strchr(p + 1, c);
+        if (resume != nullptr) ++resume;
+      } else if (p[1] == '!' && p[2] == '-' && p[3] == '-') {
+        resume = std::strstr(p + 4, "-->");
+        if (resume != nullptr) resume += 3;
+      } else {
+        m_At.push_back(static_cast<uint32_t>(p - text));
+        m_Letter.push_back(p[1] == '/' ? p[2] : p[1]);
+        ++p;
+        continue;
+      }
+      if (resume == nullptr) break;  // every search that gets here fails
+      Skip(p + 1 - text, resume - text);
+      p = resume;
+    }
+    m_End = static_cast<uint32_t>(p - text);
+    Skip(m_End + 1, size + 1);
+    size_t at = 0;
+    for (size_t b = 0; b < m_First.size(); ++b) {
+      while (at < m_At.size() && m_At[at] < b * kBlock) ++at;
+      m_First[b] = static_cast<uint32_t>(at);
+    }
+    return true;
+  }
+
+  // FindTagName(p, name, nlen), when the first NUL at or after p is at `limit`.
+  char* Find(char* p, const char* name, size_t nlen, const char* limit) const {
+    const size_t off = static_cast<size_t>(p - m_Text);
+    if (p < m_Text + m_From || off > m_End || Skipped(off)) return FindTagName(p, name, nlen);
+    size_t i = m_First[off / kBlock];
+    while (i < m_At.size() && m_At[i] < off) ++i;
+    const char* const letters = m_Letter.data();
+    for (;;) {
+      const void* hit = i < m_Letter.size() ? std::memchr(letters + i, name[0], m_Letter.size() - i) : nullptr;
+      if (hit == nullptr) return nullptr;  // the search runs into its NUL or its dead end
+      i = static_cast<size_t>(static_cast<const char*>(hit) - letters);
+      char* s = const_cast<char*>(m_Text) + m_At[i];
+      if (s >= limit) return nullptr;
+      if (s[0] != '<' || s[1] == 0) return FindTagName(p, name, nlen);  // not as recorded
+      char* m = s + (s[1] == '/' ? 2 : 1);
+      if (NameAt(m, name, nlen)) return m;
+      ++i;
+    }
+  }
+
+ private:
+  static constexpr size_t kBlock = 64;
+  bool Skipped(size_t off) const { return (m_Skipped[off / 8] >> (off % 8)) & 1; }
+  // Marks [from, to): a search starting there would not see what the scan saw.
+  void Skip(size_t from, size_t to) {
+    for (; from < to && from % 8 != 0; ++from) m_Skipped[from / 8] |= static_cast<uint8_t>(1u << (from % 8));
+    if (to - from >= 8 && from < to) {
+      std::memset(&m_Skipped[from / 8], 0xFF, (to - from) / 8);
+      from += (to - from) / 8 * 8;
+    }
+    for (; from < to; ++from) m_Skipped[from / 8] |= static_cast<uint8_t>(1u << (from % 8));
+  }
+
+  const char* m_Text = nullptr;
+  uint32_t m_From = 0;
+  uint32_t m_End = 0;  // where the scan met a NUL or an unclosed quote or comment
+  std::vector<uint32_t> m_At;     // offsets of the "<" the scan stopped at
+  std::vector<char> m_Letter;     // the first letter of the name behind each
+  std::vector<uint32_t> m_First;  // per block of the text: first entry at or after it
+  std::vector<uint8_t> m_Skipped;  // a bit per byte: inside a quote or comment the scan skipped
+};
 
 // Appends a fresh node behind the tail of the list being built. makeNextElement walks to
 // the end of the list from the node it is called on, so calling it on the tail keeps
@@ -209,18 +423,42 @@ inline CIMelement* AppendElement(CIMelement*& tail, CIMelement* previous) {
 
 class ExactParser {
  public:
-  explicit ExactParser(CIMelement* root) : m_Tail(root) {}
+  // `text`: the whole writable copy, `size` bytes and a NUL.
+  ExactParser(CIMelement* root, char* text, size_t size) : m_Tail(root), m_Text(text), m_Size(size) {}
 
-  int ParseBuffer(char** cursor, CIMelement* previous, int depth);
+  // The text at *cursor ends at `limit` (a NUL).
+  int ParseBuffer(char** cursor, CIMelement* previous, int depth, char* limit);
   CIMelement* FirstError() const { return m_FirstError; }
 
  private:
-  int ParseAttribute(char** cursor, CIMelement* element);
+  int ParseAttribute(char** cursor, CIMelement* element, size_t slots);
+  char* FindClose(char* from, const char* name, size_t nlen, char* limit);
   CIMelement* m_Tail;
+  char* m_Text;
+  size_t m_Size;
+  std::unique_ptr<TagIndex> m_Index;
+  bool m_Indexed = false;
   CIMelement* m_FirstError = nullptr;
 };
 
-int ExactParser::ParseAttribute(char** cursor, CIMelement* element) {
+// Gives a new element's attribute array `slots` entries at once, where attr_put would grow
+// it to 16 and FreeUnused shrink it again: on a large answer those two reallocations
+// cost more than the search. Without memory the puts go their usual way.
+void ReserveAttributes(CIMelement* element, size_t slots) {
+  try {
+    auto* attrs = new CIMarray;
+    attrs->argv = static_cast<char**>(std::calloc(slots, sizeof(char*)));
+    if (attrs->argv == nullptr) {
+      delete attrs;
+      return;
+    }
+    attrs->maxargc = slots;
+    element->m_Attributes = attrs;
+  } catch (...) {
+  }
+}
+
+int ExactParser::ParseAttribute(char** cursor, CIMelement* element, size_t slots) {
   char* a = *cursor;
   char* eq = FindUnquoted(a, "=", 1);
   if (eq == nullptr) {
@@ -242,6 +480,7 @@ int ExactParser::ParseAttribute(char** cursor, CIMelement* element) {
     return -1;
   }
   *close = 0;
+  if (element->m_Attributes == nullptr) ReserveAttributes(element, slots);
   int r = element->attr_put(id, v + 1);
   *close = '"';
   if (r != 0) {
@@ -252,7 +491,20 @@ int ExactParser::ParseAttribute(char** cursor, CIMelement* element) {
   return 0;
 }
 
-int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
+// Search engine switch, for the fuzzer to compare the index with the plain search.
+bool g_SearchIndex = true;
+
+char* ExactParser::FindClose(char* from, const char* name, size_t nlen, char* limit) {
+  if (!m_Indexed && g_SearchIndex) {
+    m_Indexed = true;  // built at the first search, from the first content on
+    auto index = std::make_unique<TagIndex>();
+    if (index->Build(m_Text, from, m_Size)) m_Index = std::move(index);
+  }
+  if (m_Index == nullptr) return FindTagName(from, name, nlen);
+  return m_Index->Find(from, name, nlen, limit);
+}
+
+int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth, char* limit) {
   if (cursor == nullptr || *cursor == nullptr) {
     TraceError("findNextElement", "findNextElement: AddressPointer = NULL");
     return -1;
@@ -261,6 +513,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
   CIMelement* siblingParent = nullptr;
   for (;;) {
     char* content = nullptr;
+    char* contentEnd = nullptr;
     if (p[0] != 0 && p[1] == '!') {
       while (std::strncmp(p, "<!--", 4) == 0) {
         char* end = std::strstr(p + 4, "-->");
@@ -334,7 +587,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
       char* closeLt = nullptr;
       char* after = nullptr;
       for (;;) {
-        char* m = FindTagName(s, name, nlen);
+        char* m = FindClose(s, name, nlen, limit);
         if (m == nullptr) {
           TraceMissingClose(name);
           return -1;
@@ -355,6 +608,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
       }
       if (closeLt > contentStart) content = contentStart;
       *closeLt = 0;
+      contentEnd = closeLt;
       p = SkipBlanks(after + 1);
     }
 
@@ -369,11 +623,13 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
     if (siblingParent != nullptr) e->m_Parent = siblingParent;
 
     if (attrText != nullptr) {
+      size_t slots = 0;  // at most one attribute per "="
+      for (const char* c = attrText; (c = std::strchr(c, '=')) != nullptr; ++c) ++slots;
       char* a = attrText;
       for (;;) {
         a = SkipBlanks(a);
         if (*a == 0) break;
-        if (ParseAttribute(&a, e) < 0) return -1;
+        if (ParseAttribute(&a, e, slots) < 0) return -1;
       }
     }
     if (e->m_Attributes != nullptr) e->m_Attributes->FreeUnused();
@@ -382,7 +638,7 @@ int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth) {
         e->m_Value = strdup(content);
       } else {
         char* inner = content;
-        if (ParseBuffer(&inner, e, depth + 1) < 0) return -1;
+        if (ParseBuffer(&inner, e, depth + 1, contentEnd) < 0) return -1;
       }
     }
 
@@ -712,11 +968,13 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
   }
 
   g_Exact.fetch_add(1, std::memory_order_relaxed);
-  std::unique_ptr<char, void (*)(void*)> copy(strdup(src), std::free);
+  const size_t size = std::strlen(src);
+  std::unique_ptr<char, void (*)(void*)> copy(static_cast<char*>(std::malloc(size + 1)), std::free);
   if (copy == nullptr) return 1001;
+  std::memcpy(copy.get(), src, size + 1);
   char* cursor = copy.get() + (cim - src);
-  ExactParser exact(root);
-  const int r = exact.ParseBuffer(&cursor, root, 1);
+  ExactParser exact(root, copy.get(), size);
+  const int r = exact.ParseBuffer(&cursor, root, 1, copy.get() + size);
   *firstError = exact.FirstError();  // a failed parse keeps what it built, ERROR included
   return r == E_CIM ? 0 : 1001;
 }

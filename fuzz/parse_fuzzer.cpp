@@ -3,7 +3,7 @@
 // The reader's source is compiled in so that its two engines can be compared: the public
 // ParseCIMXML (streaming engine with its fallback) and the body reader fed in pieces (as
 // while an answer arrives) must each give exactly the list, result and traces of the
-// search-based engine alone. A successful read must write back with result
+// search-based engine alone, which must give the same with and without its tag index. A successful read must write back with result
 // 0, and the written text must be readable again without crashing.
 #include "CIMXMLparser.cpp"
 
@@ -69,6 +69,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(rc == rcExact, "result differs from the search-based engine");
   Check(traces == *g_traces, "traces differ from the search-based engine");
   Check(Dump(root) == Dump(exact), "list differs from the search-based engine");
+
+  // The search-based engine itself: with its index of the tags, as without.
+  std::vector<std::string> tracesExact = *g_traces;
+  g_traces->clear();
+  oxCIM::CIMelement plain;
+  oxCIM::codec::g_SearchIndex = false;
+  const int rcPlain = oxCIM::codec::Parse(&plain, text, false);
+  oxCIM::codec::g_SearchIndex = true;
+  Check(rcPlain == rcExact, "result differs without the tag index");
+  Check(tracesExact == *g_traces, "traces differ without the tag index");
+  Check(Dump(plain) == Dump(exact), "list differs without the tag index");
+  *g_traces = tracesExact;
 
   // Piece lengths from 1 to 61 bytes, chosen by the input itself.
   g_traces->clear();
