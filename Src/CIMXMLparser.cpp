@@ -173,138 +173,33 @@ inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
 // The close-tag search of the exact engine: FindUnquoted for the element name, except that
 // only occurrences right behind "<" or "</" are returned. The others change nothing there:
 // the search just goes on behind them, and as a name holds no quote and no "<", no
-// quote, comment or tag can start inside one. The search reads every byte of the content
-// of every element once per level above it, so it looks at 32 bytes at a time, as bit
-// masks of the bytes that can stop it.
+// quote, comment or tag can start inside one.
 inline bool NameAt(const char* m, const char* name, size_t nlen) {
   for (size_t i = 0; i < nlen; ++i)  // stops at a NUL in m, which no name holds
     if (m[i] != name[i]) return false;
   return true;
 }
 
-#if defined(__SSE2__)
-struct StopBits {
-  uint32_t lt, dq, sq, nul;
-  uint32_t tags;  // the "<" that may open "<NAME" or "</NAME" (judged on three letters) or "<!"
-};
-// An aligned block never crosses a page, so reading the whole block that holds the
-// terminating NUL cannot fault; the sanitizers would still call the bytes behind it an
-// overflow (or a race with their owner), so they are told to look away here.
-__attribute__((no_sanitize("address", "thread"))) inline StopBits BlockStops(const char* block,
-                                                                             const char* name) {
-  const __m128i a = _mm_load_si128(reinterpret_cast<const __m128i*>(block));
-  const __m128i b = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 16));
-  auto bits = [&](char c) {
-    const __m128i v = _mm_set1_epi8(c);
-    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, v))) |
-           static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, v))) << 16;
-  };
-  const uint32_t lt = bits('<');
-  const uint32_t n0 = bits(name[0]);
-  const uint32_t n1 = name[1] == 0 ? ~uint32_t{0} : bits(name[1]);
-  const uint32_t n2 = name[1] == 0 || name[2] == 0 ? ~uint32_t{0} : bits(name[2]);
-  // Bit i of x >> k tells about byte i + k; the last four bytes' tests need the next
-  // block, so their "<" are always kept.
-  const uint32_t open = (n0 >> 1) & (n1 >> 2) & (n2 >> 3);
-  const uint32_t tags = lt & (open | ((bits('/') >> 1) & (open >> 1)) | (bits('!') >> 1) | 0xF0000000u);
-  return {lt, bits('"'), bits('\''), bits(0), tags};
-}
+inline bool CommentAt(const char* s) { return s[1] == '!' && s[2] == '-' && s[3] == '-'; }
 
-// Bit i set: an odd number of the bits up to and including i are set.
-inline uint32_t PrefixParity(uint32_t x) {
-  x ^= x << 1;
-  x ^= x << 2;
-  x ^= x << 4;
-  x ^= x << 8;
-  x ^= x << 16;
-  return x;
-}
-
-char* FindTagName(char* p, const char* name, size_t nlen) {
-  for (;;) {  // once per start at p: first, and after a comment
-    char* base = reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t{31});
-    uint32_t from = ~uint32_t{0} << (p - base);  // the bits at and after the cursor
-    StopBits b = BlockStops(base, name);
-    char quote = 0;
-    for (;;) {
-      if (quote != '\'' && (b.sq & from) == 0) {
-        // No apostrophe: the quotes pair up in order, so what they enclose is one mask.
-        const uint32_t quotes = b.dq & from;
-        uint32_t inside = quotes == 0 ? 0 : PrefixParity(quotes);
-        if (quote == '"') inside = ~inside;
-        const uint32_t nul = b.nul & from;
-        uint32_t tags = b.tags & from & ~inside;
-        if (nul != 0) tags &= (nul & (~nul + 1)) - 1;
-        while (tags != 0) {
-          char* s = base + __builtin_ctz(tags);
-          tags &= tags - 1;
-          if (s[1] == '!' && s[2] == '-' && s[3] == '-') {
-            p = std::strstr(s + 4, "-->");
-            if (p == nullptr) return nullptr;
-            p += 3;
-            goto restart;
-          }
-          char* m = s + (s[1] == '/' ? 2 : 1);
-          if (NameAt(m, name, nlen)) return m;
-        }
-        if (nul != 0) return nullptr;
-        quote = (inside >> 31) != 0 ? '"' : 0;
-        base += 32;
-        from = ~uint32_t{0};
-        b = BlockStops(base, name);
-        continue;
-      }
-      // One stop at a time while an apostrophe is near.
-      uint32_t cand = quote == 0 ? (b.lt | b.dq | b.sq | b.nul)
-                                 : ((quote == '"' ? b.dq : b.sq) | b.nul);
-      cand &= from;
-      if (cand == 0) {
-        base += 32;
-        from = ~uint32_t{0};
-        b = BlockStops(base, name);
-        continue;
-      }
-      const unsigned i = static_cast<unsigned>(__builtin_ctz(cand));
-      from = i == 31 ? 0 : ~uint32_t{0} << (i + 1);
-      char* s = base + i;
-      const char c = *s;
-      if (c == 0) return nullptr;
-      if (quote != 0) {  // the closing one
-        quote = 0;
-        continue;
-      }
-      if (c != '<') {
-        quote = c;
-        continue;
-      }
-      if (s[1] == '!' && s[2] == '-' && s[3] == '-') {
-        p = std::strstr(s + 4, "-->");
-        if (p == nullptr) return nullptr;
-        p += 3;
-        break;
-      }
-      char* m = s + (s[1] == '/' ? 2 : 1);
-      if (NameAt(m, name, nlen)) return m;
-    }
-  restart:;
+// Where the search goes on after the quote or comment that starts at s; null when it
+// is not closed before the NUL.
+inline const char* Resume(const char* s) {
+  if (*s == '<') {
+    const char* e = std::strstr(s + 4, "-->");
+    return e == nullptr ? nullptr : e + 3;
   }
+  const char* e = std::strchr(s + 1, *s);
+  return e == nullptr ? nullptr : e + 1;
 }
-#else
+
 char* FindTagName(char* p, const char* name, size_t nlen) {
   for (;;) {
     while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
-    const char c = *p;
-    if (c == 0) return nullptr;
-    if (c == '"' || c == '\'') {
-      p = std::strchr(p + 1, c);
+    if (*p == 0) return nullptr;
+    if (*p != '<' || CommentAt(p)) {
+      p = const_cast<char*>(Resume(p));
       if (p == nullptr) return nullptr;
-      ++p;
-      continue;
-    }
-    if (p[1] == '!' && p[2] == '-' && p[3] == '-') {
-      p = std::strstr(p + 4, "-->");
-      if (p == nullptr) return nullptr;
-      p += 3;
       continue;
     }
     char* m = p + (p[1] == '/' ? 2 : 1);
@@ -312,7 +207,6 @@ char* FindTagName(char* p, const char* name, size_t nlen) {
     ++p;
   }
 }
-#endif
 
 // The stops of the close-tag search, found once. The exact engine searches the content of
 // every element again for each level above it; but two searches that stand outside any
@@ -330,32 +224,14 @@ class TagIndex {
     if (size >= UINT32_MAX) return false;
     m_Text = text;
     m_From = static_cast<uint32_t>(from - text);
-    m_Skipped.assign(size / 8 + 1, 0);
+    m_Base = reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(text) & ~uintptr_t{31});
+    m_Skipped.assign(static_cast<size_t>(text + size - m_Base) / 32 + 2, 0);
+    m_At.reserve(size / 16);
+    m_Letter.reserve(size / 16);
+    const char* end = Record(from);
+    m_End = static_cast<uint32_t>(end - text);
+    Skip(end + 1, text + size + 1);  // nothing behind a dead end is what the scan saw
     m_First.assign(size / kBlock + 2, 0);
-    const char* p = from;
-    for (;;) {
-      while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
-      const char c = *p;
-      if (c == 0) break;
-      const char* resume;
-      if (c == '"' || c == '\'') {
-        resume = std::strchr(p + 1, c);
-        if (resume != nullptr) ++resume;
-      } else if (p[1] == '!' && p[2] == '-' && p[3] == '-') {
-        resume = std::strstr(p + 4, "-->");
-        if (resume != nullptr) resume += 3;
-      } else {
-        m_At.push_back(static_cast<uint32_t>(p - text));
-        m_Letter.push_back(p[1] == '/' ? p[2] : p[1]);
-        ++p;
-        continue;
-      }
-      if (resume == nullptr) break;  // every search that gets here fails
-      Skip(p + 1 - text, resume - text);
-      p = resume;
-    }
-    m_End = static_cast<uint32_t>(p - text);
-    Skip(m_End + 1, size + 1);
     size_t at = 0;
     for (size_t b = 0; b < m_First.size(); ++b) {
       while (at < m_At.size() && m_At[at] < b * kBlock) ++at;
@@ -367,12 +243,13 @@ class TagIndex {
   // FindTagName(p, name, nlen), when the first NUL at or after p is at `limit`.
   char* Find(char* p, const char* name, size_t nlen, const char* limit) const {
     const size_t off = static_cast<size_t>(p - m_Text);
-    if (p < m_Text + m_From || off > m_End || Skipped(off)) return FindTagName(p, name, nlen);
+    if (p < m_Text + m_From || off > m_End || Skipped(p)) return FindTagName(p, name, nlen);
     size_t i = m_First[off / kBlock];
     while (i < m_At.size() && m_At[i] < off) ++i;
     const char* const letters = m_Letter.data();
     for (;;) {
-      const void* hit = i < m_Letter.size() ? std::memchr(letters + i, name[0], m_Letter.size() - i) : nullptr;
+      const void* hit =
+          i < m_Letter.size() ? std::memchr(letters + i, name[0], m_Letter.size() - i) : nullptr;
       if (hit == nullptr) return nullptr;  // the search runs into its NUL or its dead end
       i = static_cast<size_t>(static_cast<const char*>(hit) - letters);
       char* s = const_cast<char*>(m_Text) + m_At[i];
@@ -386,25 +263,148 @@ class TagIndex {
 
  private:
   static constexpr size_t kBlock = 64;
-  bool Skipped(size_t off) const { return (m_Skipped[off / 8] >> (off % 8)) & 1; }
-  // Marks [from, to): a search starting there would not see what the scan saw.
-  void Skip(size_t from, size_t to) {
-    for (; from < to && from % 8 != 0; ++from) m_Skipped[from / 8] |= static_cast<uint8_t>(1u << (from % 8));
-    if (to - from >= 8 && from < to) {
-      std::memset(&m_Skipped[from / 8], 0xFF, (to - from) / 8);
-      from += (to - from) / 8 * 8;
+
+  void Tag(const char* s) {
+    m_At.push_back(static_cast<uint32_t>(s - m_Text));
+    m_Letter.push_back(s[1] == '/' ? s[2] : s[1]);
+  }
+  // The skipped bytes, a bit each, in 32-byte words from the aligned start of the text.
+  bool Skipped(const char* at) const {
+    const size_t bit = static_cast<size_t>(at - m_Base);
+    return (m_Skipped[bit / 32] >> (bit % 32)) & 1;
+  }
+  void Skip(const char* from, const char* to) {
+    for (size_t bit = static_cast<size_t>(from - m_Base), end = static_cast<size_t>(to - m_Base);
+         bit < end; ++bit) {
+      if (bit % 32 == 0 && end - bit >= 32) {
+        m_Skipped[bit / 32] = ~uint32_t{0};
+        bit += 31;
+      } else {
+        m_Skipped[bit / 32] |= uint32_t{1} << (bit % 32);
+      }
     }
-    for (; from < to; ++from) m_Skipped[from / 8] |= static_cast<uint8_t>(1u << (from % 8));
   }
 
+  // One stop at a time, up to the first stop at or after `until`; returns there, or
+  // null with `*end` set where the scan ends.
+  const char* Step(const char* p, const char* until, const char** end) {
+    for (;;) {
+      while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
+      if (p >= until) return p;
+      if (*p == 0) return *end = p, nullptr;
+      if (*p == '<' && !CommentAt(p)) {
+        Tag(p++);
+        continue;
+      }
+      const char* resume = Resume(p);
+      if (resume == nullptr) return *end = p, nullptr;
+      Skip(p + 1, resume);
+      p = resume;
+    }
+  }
+
+  // Returns where the scan ends: its NUL, or an unclosed quote or comment.
+  const char* Record(const char* p);
+
   const char* m_Text = nullptr;
+  const char* m_Base = nullptr;
   uint32_t m_From = 0;
-  uint32_t m_End = 0;  // where the scan met a NUL or an unclosed quote or comment
-  std::vector<uint32_t> m_At;     // offsets of the "<" the scan stopped at
-  std::vector<char> m_Letter;     // the first letter of the name behind each
-  std::vector<uint32_t> m_First;  // per block of the text: first entry at or after it
-  std::vector<uint8_t> m_Skipped;  // a bit per byte: inside a quote or comment the scan skipped
+  uint32_t m_End = 0;
+  std::vector<uint32_t> m_At;       // offsets of the "<" the scan stopped at
+  std::vector<char> m_Letter;       // the first letter of the name behind each
+  std::vector<uint32_t> m_First;    // per kBlock bytes of the text: first entry at or after them
+  std::vector<uint32_t> m_Skipped;  // inside a quote or comment the scan stepped over
 };
+
+#if defined(__SSE2__)
+struct StopBits {
+  uint32_t lt, dq, sq, nul;
+};
+// An aligned block never crosses a page, so reading the whole block that holds the
+// terminating NUL cannot fault; the sanitizers would still call the bytes behind it an
+// overflow (or a race with their owner), so they are told to look away here.
+__attribute__((no_sanitize("address", "thread"))) inline StopBits BlockStops(const char* block) {
+  const __m128i a = _mm_load_si128(reinterpret_cast<const __m128i*>(block));
+  const __m128i b = _mm_load_si128(reinterpret_cast<const __m128i*>(block + 16));
+  auto bits = [&](char c) {
+    const __m128i v = _mm_set1_epi8(c);
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, v))) |
+           static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, v))) << 16;
+  };
+  return {bits('<'), bits('"'), bits('\''), bits(0)};
+}
+
+// Bit i set: an odd number of the bits up to and including i are set.
+inline uint32_t PrefixParity(uint32_t x) {
+  x ^= x << 1;
+  x ^= x << 2;
+  x ^= x << 4;
+  x ^= x << 8;
+  x ^= x << 16;
+  return x;
+}
+
+// 32 bytes at a time, as bit masks: without apostrophes the quotes pair up in order, so
+// what they enclose is one mask. Apostrophes and comments go one stop at a time.
+const char* TagIndex::Record(const char* p) {
+  const char* end = nullptr;
+  for (;;) {
+    const char* base = reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t{31});
+    uint32_t from = ~uint32_t{0} << (p - base);
+    bool inQuote = false;
+    const char* opened = nullptr;  // the '"' an open quote began at
+    for (;;) {
+      const StopBits b = BlockStops(base);
+      if ((b.sq & from) != 0 && !inQuote) break;  // to one stop at a time
+      const uint32_t quotes = b.dq & from;
+      uint32_t inside = quotes == 0 ? 0 : PrefixParity(quotes);
+      if (inQuote) inside = ~inside;
+      const uint32_t nul = b.nul & from;
+      const uint32_t before = nul == 0 ? ~uint32_t{0} : (nul & (~nul + 1)) - 1;
+      uint32_t skip = ((inside << 1) | (inQuote ? 1u : 0u)) & from & before;
+      if (quotes & inside & before)
+        opened = base + 31 - __builtin_clz(quotes & inside & before);
+      if (inQuote && (b.sq & from & ~inside & before) != 0) {
+        // The open quote ends in this block and an apostrophe follows it: end the quote
+        // here and go on from behind it one stop at a time.
+        const uint32_t closing = quotes & ~inside & before;
+        const unsigned at = static_cast<unsigned>(__builtin_ctz(closing));
+        m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip & ((uint32_t{2} << at) - 1);
+        p = base + at + 1;
+        goto again;
+      }
+      for (uint32_t tags = b.lt & from & ~inside & before; tags != 0; tags &= tags - 1) {
+        const char* s = base + __builtin_ctz(tags);
+        if (CommentAt(s)) {
+          m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip & ((uint32_t{1} << (s - base)) - 1);
+          p = Step(s, base + 32, &end);
+          if (p == nullptr) return end;
+          goto again;
+        }
+        Tag(s);
+      }
+      m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip;
+      if (nul != 0) {
+        const char* at = base + __builtin_ctz(nul);
+        return (at == base ? inQuote : ((inside >> (at - base - 1)) & 1) != 0) ? opened : at;
+      }
+      inQuote = (inside >> 31) != 0;
+      base += 32;
+      from = ~uint32_t{0};
+    }
+    // An apostrophe ahead in this block: one stop at a time to the next block.
+    p = Step(p > base ? p : base, base + 32, &end);
+    if (p == nullptr) return end;
+  again:;
+  }
+}
+#else
+const char* TagIndex::Record(const char* p) {
+  const char* end = nullptr;
+  Step(p, reinterpret_cast<const char*>(UINTPTR_MAX), &end);
+  return end;
+}
+#endif
 
 // Appends a fresh node behind the tail of the list being built. makeNextElement walks to
 // the end of the list from the node it is called on, so calling it on the tail keeps
@@ -444,6 +444,19 @@ class ExactParser {
 // Gives a new element's attribute array `slots` entries at once, where attr_put would grow
 // it to 16 and FreeUnused shrink it again: on a large answer those two reallocations
 // cost more than the search. Without memory the puts go their usual way.
+// Adds "id+1, text, NUL" as the next entry of a new attribute array that nobody else can
+// see yet (so without its lock) and that has a free slot; null without memory.
+char* AppendAttribute(CIMarray* attrs, int id, const char* text, size_t len) {
+  char* block = static_cast<char*>(std::malloc(len + 2));
+  if (block == nullptr) return nullptr;
+  block[0] = static_cast<char>(id + 1);
+  std::memcpy(block + 1, text, len);
+  block[len + 1] = 0;
+  attrs->elemlen = -2;
+  attrs->argv[attrs->argc++] = block;
+  return block;
+}
+
 void ReserveAttributes(CIMelement* element, size_t slots) {
   try {
     auto* attrs = new CIMarray;
@@ -481,7 +494,11 @@ int ExactParser::ParseAttribute(char** cursor, CIMelement* element, size_t slots
   }
   *close = 0;
   if (element->m_Attributes == nullptr) ReserveAttributes(element, slots);
-  int r = element->attr_put(id, v + 1);
+  CIMarray* attrs = element->m_Attributes;
+  const bool room = attrs != nullptr && attrs->argc < attrs->maxargc && attrs->elemlen <= 0;
+  const int r = room && AppendAttribute(attrs, id, v + 1, static_cast<size_t>(close - v - 1)) != nullptr
+                    ? 0
+                    : element->attr_put(id, v + 1);
   *close = '"';
   if (r != 0) {
     TraceError("parseXMLbuffer", "parseXMLbuffer: bad Attribute!");
@@ -789,16 +806,9 @@ bool StreamParser::FillAttributes(CIMelement* e) {
   attrs->argv = static_cast<char**>(std::malloc(count * sizeof(char*)));
   if (attrs->argv == nullptr) return false;
   attrs->maxargc = count;
-  attrs->elemlen = -2;
-  for (const PendingAttribute& a : m_Attrs) {
-    const size_t len = static_cast<size_t>(a.end - a.begin);
-    char* block = static_cast<char*>(std::malloc(len + 2));
-    if (block == nullptr) return false;
-    block[0] = static_cast<char>(a.id + 1);
-    std::memcpy(block + 1, a.begin, len);
-    block[len + 1] = 0;
-    attrs->argv[attrs->argc++] = block;
-  }
+  for (const PendingAttribute& a : m_Attrs)
+    if (AppendAttribute(attrs, a.id, a.begin, static_cast<size_t>(a.end - a.begin)) == nullptr)
+      return false;
   m_Attrs.clear();
   return true;
 }
