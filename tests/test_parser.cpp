@@ -105,6 +105,22 @@ TEST(CimXmlParse, TableOfCasesWithTheirRoutes) {
   EXPECT_GT(cases, 60);
 }
 
+// Quotes and apostrophes that only the close-tag search sees (inside CDATA, behind a
+// comment's start) at every offset within 32-byte blocks: the expected list comes from
+// the plain search, which looks at every byte from each search's start.
+TEST(CimXmlParse, QuotesSeenOnlyByTheSearchAtEveryOffset) {
+  std::string body;
+  for (int k = 0; k <= 40; ++k) {
+    const std::string pad(k, 'p');
+    body += "<VALUE.ARRAY><![CDATA[\"" + pad + "]]><VALUE>x'a'</VALUE><![CDATA[\"]]><VALUE>y</VALUE></VALUE.ARRAY>\n";
+    body += "<VALUE.ARRAY><![CDATA['" + pad + "]]><VALUE>x\"a\"</VALUE><![CDATA[']]><VALUE>y</VALUE></VALUE.ARRAY>\n";
+    body += "<VALUE.ARRAY><VALUE>" + pad + "a<!--\"-->b</VALUE><VALUE>c\"d\"e</VALUE></VALUE.ARRAY>\n";
+  }
+  char route = '?';
+  EXPECT_EQ(Parsed(Doc(body), &route), ReadFixture("parse_quoted_stretches.dump"));
+  EXPECT_EQ(route, 'X');
+}
+
 TEST(CimXmlParse, NestingIsLimitedTo256LevelsAndFailuresDropTheOldList) {
   auto nested = [](int levels) {
     std::string open, close;
