@@ -112,8 +112,9 @@ TEST(CimXmlParse, QuotesSeenOnlyByTheSearchAtEveryOffset) {
   std::string body;
   for (int k = 0; k <= 40; ++k) {
     const std::string pad(k, 'p');
-    body += "<VALUE.ARRAY><![CDATA[\"" + pad + "]]><VALUE>x'a'</VALUE><![CDATA[\"]]><VALUE>y</VALUE></VALUE.ARRAY>\n";
+    body += "<VALUE.ARRAY><![CDATA[\"" + pad + "]]><VALUE>x'a'</VALUE><![CDATA[\"]]><VALUE>'y'</VALUE></VALUE.ARRAY>\n";
     body += "<VALUE.ARRAY><![CDATA['" + pad + "]]><VALUE>x\"a\"</VALUE><![CDATA[']]><VALUE>y</VALUE></VALUE.ARRAY>\n";
+    body += "<VALUE.ARRAY><![CDATA[\"" + pad + "]]><VALUE>x</VALUE><![CDATA[\"'']]><VALUE>y</VALUE></VALUE.ARRAY>\n";
     body += "<VALUE.ARRAY><VALUE>" + pad + "a<!--\"-->b</VALUE><VALUE>c\"d\"e</VALUE></VALUE.ARRAY>\n";
   }
   char route = '?';
