@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -514,8 +515,11 @@ bool g_SearchIndex = true;
 char* ExactParser::FindClose(char* from, const char* name, size_t nlen, char* limit) {
   if (!m_Indexed && g_SearchIndex) {
     m_Indexed = true;  // built at the first search, from the first content on
-    auto index = std::make_unique<TagIndex>();
-    if (index->Build(m_Text, from, m_Size)) m_Index = std::move(index);
+    try {
+      auto index = std::make_unique<TagIndex>();
+      if (index->Build(m_Text, from, m_Size)) m_Index = std::move(index);
+    } catch (const std::bad_alloc&) {  // the plain search needs no memory
+    }
   }
   if (m_Index == nullptr) return FindTagName(from, name, nlen);
   return m_Index->Find(from, name, nlen, limit);
