@@ -1,8 +1,9 @@
 // CIM-XML codec: ParseCIMXML reads a response into an element list, GenerateCIMXML writes one.
 //
 // The parser has two engines that build the same list. The exact engine follows the
-// forward close-tag search with its quote, apostrophe and comment rules; its cost grows
-// with nesting depth times text length. The streaming engine reads a plain document in
+// forward close-tag search with its quote, apostrophe and comment rules; rather than
+// reading each element's content once per level above it, it records the search's stops
+// in one scan and looks them up (TagIndex). The streaming engine reads a plain document in
 // one pass with a stack and bails out to the exact engine at anything whose result would
 // depend on those search rules (quotes or apostrophes in text, comments, CDATA,
 // processing instructions, a tag nested in a tag of the same name, any error). Because
@@ -227,6 +228,8 @@ class TagIndex {
     m_From = static_cast<uint32_t>(from - text);
     m_Base = reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(text) & ~uintptr_t{31});
     m_Skipped.assign(static_cast<size_t>(text + size - m_Base) / 32 + 2, 0);
+    m_At.clear();
+    m_Letter.clear();
     m_At.reserve(size / 16);
     m_Letter.reserve(size / 16);
     const char* end = Record(from);
@@ -239,6 +242,15 @@ class TagIndex {
       m_First[b] = static_cast<uint32_t>(at);
     }
     return true;
+  }
+
+  // Frees the buffers when they have grown past what a typical answer needs.
+  void Trim() {
+    if (m_At.capacity() <= kKeep) return;
+    std::vector<uint32_t>().swap(m_At);
+    std::vector<char>().swap(m_Letter);
+    std::vector<uint32_t>().swap(m_First);
+    std::vector<uint32_t>().swap(m_Skipped);
   }
 
   // FindTagName(p, name, nlen), when the first NUL at or after p is at `limit`.
@@ -264,6 +276,7 @@ class TagIndex {
 
  private:
   static constexpr size_t kBlock = 64;
+  static constexpr size_t kKeep = 16 * 1024;  // tags of an answer of about 256 KB
 
   void Tag(const char* s) {
     m_At.push_back(static_cast<uint32_t>(s - m_Text));
@@ -426,6 +439,11 @@ class ExactParser {
  public:
   // `text`: the whole writable copy, `size` bytes and a NUL.
   ExactParser(CIMelement* root, char* text, size_t size) : m_Tail(root), m_Text(text), m_Size(size) {}
+  ~ExactParser() {
+    if (m_Index != nullptr) m_Index->Trim();
+  }
+  ExactParser(const ExactParser&) = delete;
+  ExactParser& operator=(const ExactParser&) = delete;
 
   // The text at *cursor ends at `limit` (a NUL).
   int ParseBuffer(char** cursor, CIMelement* previous, int depth, char* limit);
@@ -437,7 +455,7 @@ class ExactParser {
   CIMelement* m_Tail;
   char* m_Text;
   size_t m_Size;
-  std::unique_ptr<TagIndex> m_Index;
+  TagIndex* m_Index = nullptr;
   bool m_Indexed = false;
   CIMelement* m_FirstError = nullptr;
 };
@@ -509,6 +527,13 @@ int ExactParser::ParseAttribute(char** cursor, CIMelement* element, size_t slots
   return 0;
 }
 
+// Each thread keeps its index between parses, so that a small answer makes no allocations
+// for it; what a large one needed is given back afterwards.
+TagIndex& ThreadIndex() {
+  static thread_local TagIndex index;
+  return index;
+}
+
 // Search engine switch, for the fuzzer to compare the index with the plain search.
 bool g_SearchIndex = true;
 
@@ -516,8 +541,8 @@ char* ExactParser::FindClose(char* from, const char* name, size_t nlen, char* li
   if (!m_Indexed && g_SearchIndex) {
     m_Indexed = true;  // built at the first search, from the first content on
     try {
-      auto index = std::make_unique<TagIndex>();
-      if (index->Build(m_Text, from, m_Size)) m_Index = std::move(index);
+      TagIndex& index = ThreadIndex();
+      if (index.Build(m_Text, from, m_Size)) m_Index = &index;
     } catch (const std::bad_alloc&) {  // the plain search needs no memory
     }
   }
