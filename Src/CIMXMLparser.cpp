@@ -172,10 +172,6 @@ inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
   return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
 }
 
-// The close-tag search of the exact engine: FindUnquoted for the element name, except that
-// only occurrences right behind "<" or "</" are returned. The others change nothing there:
-// the search just goes on behind them, and as a name holds no quote and no "<", no
-// quote, comment or tag can start inside one.
 inline bool NameAt(const char* m, const char* name, size_t nlen) {
   for (size_t i = 0; i < nlen; ++i)  // stops at a NUL in m, which no name holds
     if (m[i] != name[i]) return false;
@@ -195,6 +191,10 @@ inline const char* Resume(const char* s) {
   return e == nullptr ? nullptr : e + 1;
 }
 
+// The close-tag search of the exact engine: FindUnquoted for the element name, except that
+// only occurrences right behind "<" or "</" are returned. The others change nothing there:
+// the search just goes on behind them, and as a name holds no quote and no "<", no
+// quote, comment or tag can start inside one.
 char* FindTagName(char* p, const char* name, size_t nlen) {
   for (;;) {
     while (!kSpecials.stop[static_cast<unsigned char>(*p)]) ++p;
@@ -460,9 +460,6 @@ class ExactParser {
   CIMelement* m_FirstError = nullptr;
 };
 
-// Gives a new element's attribute array `slots` entries at once, where attr_put would grow
-// it to 16 and FreeUnused shrink it again: on a large answer those two reallocations
-// cost more than the search. Without memory the puts go their usual way.
 // Adds "id+1, text, NUL" as the next entry of a new attribute array that nobody else can
 // see yet (so without its lock) and that has a free slot; null without memory.
 char* AppendAttribute(CIMarray* attrs, int id, const char* text, size_t len) {
@@ -476,6 +473,9 @@ char* AppendAttribute(CIMarray* attrs, int id, const char* text, size_t len) {
   return block;
 }
 
+// Gives a new element's attribute array `slots` entries at once, where attr_put would grow
+// it to 16 and FreeUnused shrink it again: on a large answer those two reallocations
+// cost more than the search. Without memory the puts go their usual way.
 void ReserveAttributes(CIMelement* element, size_t slots) {
   try {
     auto* attrs = new CIMarray;
