@@ -3,8 +3,9 @@
 // The reader's source is compiled in so that its two engines can be compared: the public
 // ParseCIMXML (streaming engine with its fallback) and the body reader fed in pieces (as
 // while an answer arrives) must each give exactly the list, result and traces of the
-// search-based engine alone, which must give the same with and without its tag index. A successful read must write back with result
-// 0, and the written text must be readable again without crashing.
+// search-based engine alone, which must give the same with and without its tag index.
+// A successful read must write back with result 0, and the written text must be readable
+// again without crashing.
 #include "CIMXMLparser.cpp"
 
 #include <cstdint>
