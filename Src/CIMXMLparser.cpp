@@ -146,32 +146,6 @@ constexpr Specials MakeSpecials() {
 }
 constexpr Specials kSpecials = MakeSpecials();
 
-const char* FindUnquoted(const char* p, const char* needle, size_t nlen) {
-  const char first = needle[0];
-  for (;;) {
-    while (!kSpecials.stop[static_cast<unsigned char>(*p)] && *p != first) ++p;
-    const char c = *p;
-    if (c == 0) return nullptr;
-    if (c == '"' || c == '\'') {
-      p = std::strchr(p + 1, c);  // an empty "" pair is stepped over the same way
-      if (p == nullptr) return nullptr;
-      ++p;
-      continue;
-    }
-    if (c == '<' && p[1] == '!' && p[2] == '-' && p[3] == '-') {
-      p = std::strstr(p + 4, "-->");
-      if (p == nullptr) return nullptr;
-      p += 3;
-      continue;
-    }
-    if (c == first && std::strncmp(p, needle, nlen) == 0) return p;
-    ++p;
-  }
-}
-inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
-  return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
-}
-
 inline bool NameAt(const char* m, const char* name, size_t nlen) {
   for (size_t i = 0; i < nlen; ++i)  // stops at a NUL in m, which no name holds
     if (m[i] != name[i]) return false;
@@ -189,6 +163,25 @@ inline const char* Resume(const char* s) {
   }
   const char* e = std::strchr(s + 1, *s);
   return e == nullptr ? nullptr : e + 1;
+}
+
+const char* FindUnquoted(const char* p, const char* needle, size_t nlen) {
+  const char first = needle[0];
+  for (;;) {
+    while (!kSpecials.stop[static_cast<unsigned char>(*p)] && *p != first) ++p;
+    const char c = *p;
+    if (c == 0) return nullptr;
+    if (c == '"' || c == '\'' || (c == '<' && CommentAt(p))) {
+      p = Resume(p);  // an empty "" pair is stepped over the same way
+      if (p == nullptr) return nullptr;
+      continue;
+    }
+    if (c == first && std::strncmp(p, needle, nlen) == 0) return p;
+    ++p;
+  }
+}
+inline char* FindUnquoted(char* p, const char* needle, size_t nlen) {
+  return const_cast<char*>(FindUnquoted(static_cast<const char*>(p), needle, nlen));
 }
 
 // The close-tag search of the exact engine: FindUnquoted for the element name, except that
@@ -213,7 +206,7 @@ char* FindTagName(char* p, const char* name, size_t nlen) {
 // The stops of the close-tag search, found once. The exact engine searches the content of
 // every element again for each level above it; but two searches that stand outside any
 // quote or comment at the same place see the same stops from there on. So one scan from
-// the first content records every "<" it stops at (with the first letter of the name
+// the document element records every "<" it stops at (with the first letter of the name
 // behind it) and every stretch it skipped inside quotes and comments; a later search that
 // starts outside those stretches walks the recorded "<" with that letter instead of the
 // text. The exact engine only ever writes NULs behind its cursor, except where it ends the
@@ -362,42 +355,37 @@ inline uint32_t PrefixParity(uint32_t x) {
 // what they enclose is one mask. Apostrophes and comments go one stop at a time.
 const char* TagIndex::Record(const char* p) {
   const char* end = nullptr;
-  for (;;) {
+  for (;;) {  // p stands outside any quote or comment
     const char* base = reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(p) & ~uintptr_t{31});
     uint32_t from = ~uint32_t{0} << (p - base);
-    bool inQuote = false;
-    const char* opened = nullptr;  // the '"' an open quote began at
+    bool inQuote = false;          // a '"' of an earlier block is still open
+    const char* opened = nullptr;  // where the last '"' opened
     for (;;) {
       const StopBits b = BlockStops(base);
-      if ((b.sq & from) != 0 && !inQuote) break;  // to one stop at a time
+      if ((b.sq & from) != 0) break;
       const uint32_t quotes = b.dq & from;
       uint32_t inside = quotes == 0 ? 0 : PrefixParity(quotes);
       if (inQuote) inside = ~inside;
       const uint32_t nul = b.nul & from;
       const uint32_t before = nul == 0 ? ~uint32_t{0} : (nul & (~nul + 1)) - 1;
       uint32_t skip = ((inside << 1) | (inQuote ? 1u : 0u)) & from & before;
-      if (quotes & inside & before)
-        opened = base + 31 - __builtin_clz(quotes & inside & before);
-      if (inQuote && (b.sq & from & ~inside & before) != 0) {
-        // The open quote ends in this block and an apostrophe follows it: end the quote
-        // here and go on from behind it one stop at a time.
-        const uint32_t closing = quotes & ~inside & before;
-        const unsigned at = static_cast<unsigned>(__builtin_ctz(closing));
-        m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip & ((uint32_t{2} << at) - 1);
-        p = base + at + 1;
-        goto again;
-      }
+      if (quotes & inside & before) opened = base + 31 - __builtin_clz(quotes & inside & before);
+      const char* comment = nullptr;
       for (uint32_t tags = b.lt & from & ~inside & before; tags != 0; tags &= tags - 1) {
         const char* s = base + __builtin_ctz(tags);
         if (CommentAt(s)) {
-          m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip & ((uint32_t{1} << (s - base)) - 1);
-          p = Step(s, base + 32, &end);
-          if (p == nullptr) return end;
-          goto again;
+          comment = s;
+          skip &= (uint32_t{1} << (s - base)) - 1;
+          break;
         }
         Tag(s);
       }
       m_Skipped[static_cast<size_t>(base - m_Base) / 32] |= skip;
+      if (comment != nullptr) {
+        p = comment;
+        inQuote = false;
+        break;
+      }
       if (nul != 0) {
         const char* at = base + __builtin_ctz(nul);
         return (at == base ? inQuote : ((inside >> (at - base - 1)) & 1) != 0) ? opened : at;
@@ -406,10 +394,18 @@ const char* TagIndex::Record(const char* p) {
       base += 32;
       from = ~uint32_t{0};
     }
-    // An apostrophe ahead in this block: one stop at a time to the next block.
-    p = Step(p > base ? p : base, base + 32, &end);
+    // A comment or an apostrophe: one stop at a time to the next block, after ending a
+    // quote that was open when the block began.
+    if (inQuote) {
+      const char* close = std::strchr(base, '"');
+      if (close == nullptr) return opened;
+      Skip(base, close + 1);
+      p = close + 1;
+    } else if (p < base) {
+      p = base;
+    }
+    p = Step(p, base + 32, &end);
     if (p == nullptr) return end;
-  again:;
   }
 }
 #else
@@ -437,13 +433,8 @@ inline CIMelement* AppendElement(CIMelement*& tail, CIMelement* previous) {
 
 class ExactParser {
  public:
-  // `text`: the whole writable copy, `size` bytes and a NUL.
-  ExactParser(CIMelement* root, char* text, size_t size) : m_Tail(root), m_Text(text), m_Size(size) {}
-  ~ExactParser() {
-    if (m_Index != nullptr) m_Index->Trim();
-  }
-  ExactParser(const ExactParser&) = delete;
-  ExactParser& operator=(const ExactParser&) = delete;
+  // `index`: the stops of the text's close-tag searches, or null to search the text.
+  ExactParser(CIMelement* root, const TagIndex* index) : m_Tail(root), m_Index(index) {}
 
   // The text at *cursor ends at `limit` (a NUL).
   int ParseBuffer(char** cursor, CIMelement* previous, int depth, char* limit);
@@ -453,10 +444,7 @@ class ExactParser {
   int ParseAttribute(char** cursor, CIMelement* element, size_t slots);
   char* FindClose(char* from, const char* name, size_t nlen, char* limit);
   CIMelement* m_Tail;
-  char* m_Text;
-  size_t m_Size;
-  TagIndex* m_Index = nullptr;
-  bool m_Indexed = false;
+  const TagIndex* m_Index;
   CIMelement* m_FirstError = nullptr;
 };
 
@@ -514,7 +502,7 @@ int ExactParser::ParseAttribute(char** cursor, CIMelement* element, size_t slots
   *close = 0;
   if (element->m_Attributes == nullptr) ReserveAttributes(element, slots);
   CIMarray* attrs = element->m_Attributes;
-  const bool room = attrs != nullptr && attrs->argc < attrs->maxargc && attrs->elemlen <= 0;
+  const bool room = attrs != nullptr && attrs->argc < attrs->maxargc;
   const int r = room && AppendAttribute(attrs, id, v + 1, static_cast<size_t>(close - v - 1)) != nullptr
                     ? 0
                     : element->attr_put(id, v + 1);
@@ -538,16 +526,7 @@ TagIndex& ThreadIndex() {
 bool g_SearchIndex = true;
 
 char* ExactParser::FindClose(char* from, const char* name, size_t nlen, char* limit) {
-  if (!m_Indexed && g_SearchIndex) {
-    m_Indexed = true;  // built at the first search, from the first content on
-    try {
-      TagIndex& index = ThreadIndex();
-      if (index.Build(m_Text, from, m_Size)) m_Index = &index;
-    } catch (const std::bad_alloc&) {  // the plain search needs no memory
-    }
-  }
-  if (m_Index == nullptr) return FindTagName(from, name, nlen);
-  return m_Index->Find(from, name, nlen, limit);
+  return m_Index != nullptr ? m_Index->Find(from, name, nlen, limit) : FindTagName(from, name, nlen);
 }
 
 int ExactParser::ParseBuffer(char** cursor, CIMelement* previous, int depth, char* limit) {
@@ -1012,8 +991,16 @@ int Parse(CIMelement* root, const std::string& text, bool allowStream, CIMelemen
   if (copy == nullptr) return 1001;
   std::memcpy(copy.get(), src, size + 1);
   char* cursor = copy.get() + (cim - src);
-  ExactParser exact(root, copy.get(), size);
+  TagIndex* index = nullptr;
+  if (g_SearchIndex) {
+    try {
+      if (ThreadIndex().Build(copy.get(), cursor, size)) index = &ThreadIndex();
+    } catch (const std::bad_alloc&) {  // the plain search needs no memory
+    }
+  }
+  ExactParser exact(root, index);
   const int r = exact.ParseBuffer(&cursor, root, 1, copy.get() + size);
+  if (index != nullptr) index->Trim();
   *firstError = exact.FirstError();  // a failed parse keeps what it built, ERROR included
   return r == E_CIM ? 0 : 1001;
 }
